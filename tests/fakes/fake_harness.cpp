@@ -1,0 +1,214 @@
+#include <cstdarg>
+#include <cstdio>
+#include <map>
+#include <mutex>
+
+#include "fakes.h"
+#include "harness/testinfo.h"
+
+const char *test_name;
+const char *device_name;
+int test_modes;
+const char *func_name;
+
+namespace fake {
+namespace {
+
+std::mutex lock;
+std::vector<message> recorded;
+std::string subopts;
+bool subopts_given;
+int parser_answer;
+int end_calls;
+std::vector<std::string> traces;
+
+struct cpu_info {
+    int retval = 0;
+    uint32_t record[CACHEINFO_FIRST_WORD + CACHEINFO_DESC_WORDS * CACHEINFO_DESCRIPTORS] = {};
+    int vendor = VENDOR_AMD;
+};
+std::map<int, cpu_info> cpus;
+std::string errmsg;
+std::vector<int> queries;
+
+cpu_info &info(int cpu)
+{
+    auto found = cpus.find(cpu);
+    if (found != cpus.end())
+        return found->second;
+    cpu_info &fresh = cpus[cpu];
+    uint32_t *l1 = fresh.record + CACHEINFO_FIRST_WORD;
+    l1[CACHEINFO_SIZE] = 32768;
+    l1[CACHEINFO_LINE] = 64;
+    l1[CACHEINFO_WAYS] = 8;
+    uint32_t *l2 = fresh.record + CACHEINFO_FIRST_WORD + CACHEINFO_DESC_WORDS * 4;
+    l2[CACHEINFO_SIZE] = 1048576;
+    l2[CACHEINFO_LINE] = 64;
+    l2[CACHEINFO_WAYS] = 8;
+    return fresh;
+}
+
+// What follows each catalogue number: d int, u unsigned, s text.
+const char *signature(int number)
+{
+    switch (number) {
+    case MSG_PASS_COUNT:
+        return "u";
+    case MSG_DEFAULT_TAKEN:
+    case MSG_THREAD_CREATE_FAILED:
+        return "d";
+    case MSG_GEOMETRY_DEFAULTS:
+        return "sdds";
+    case MSG_USAGE:
+    case MSG_BAD_SUBOPTION:
+        return "s";
+    case MSG_BIND_FAILED:
+        return "ds";
+    case MSG_SYSCALL_FAILED:
+        return "ss";
+    default:
+        return "";
+    }
+}
+
+}  // namespace
+
+void reset_harness()
+{
+    std::lock_guard<std::mutex> hold(lock);
+    recorded.clear();
+    subopts.clear();
+    subopts_given = false;
+    parser_answer = -1;
+    end_calls = 0;
+    traces.clear();
+    cpus.clear();
+    errmsg = "information library not initialised";
+    queries.clear();
+}
+
+std::vector<message> messages()
+{
+    std::lock_guard<std::mutex> hold(lock);
+    return recorded;
+}
+
+std::vector<message> messages_numbered(int number)
+{
+    std::vector<message> found;
+    for (const message &m : messages())
+        if (m.number == number)
+            found.push_back(m);
+    return found;
+}
+
+int count_of(int number) { return static_cast<int>(messages_numbered(number).size()); }
+
+std::vector<int> numbers()
+{
+    std::vector<int> found;
+    for (const message &m : messages())
+        found.push_back(m.number);
+    return found;
+}
+
+void set_subopts(const std::string &text)
+{
+    subopts = text;
+    subopts_given = true;
+}
+
+int parser_result() { return parser_answer; }
+int test_end_calls() { return end_calls; }
+std::vector<std::string> trace_log() { return traces; }
+
+void set_cacheinfo_result(int cpu, int retval) { info(cpu).retval = retval; }
+
+void set_descriptor(int cpu, int index, uint32_t size, uint32_t line_size, uint32_t ways)
+{
+    uint32_t *desc = info(cpu).record + CACHEINFO_FIRST_WORD + CACHEINFO_DESC_WORDS * index;
+    desc[CACHEINFO_SIZE] = size;
+    desc[CACHEINFO_LINE] = line_size;
+    desc[CACHEINFO_WAYS] = ways;
+}
+
+void set_vendor(int cpu, int code) { info(cpu).vendor = code; }
+void set_errmsg(const std::string &text) { errmsg = text; }
+
+std::vector<int> cacheinfo_queries()
+{
+    std::lock_guard<std::mutex> hold(lock);
+    return queries;
+}
+
+}  // namespace fake
+
+using namespace fake;
+
+int test_init(int, char **, int (*parser)(char *), int (*)(void), const char *)
+{
+    if (subopts_given) {
+        std::vector<char> text(subopts.begin(), subopts.end());
+        text.push_back('\0');
+        parser_answer = parser(text.data());
+    }
+    return 0;
+}
+
+void dxt_test_async_handler(int) {}
+void trace_before(int) { traces.push_back(std::string("before ") + func_name); }
+void trace_after(int) { traces.push_back(std::string("after ") + func_name); }
+
+int dxt_message(int exit_flag, int level, const char *tag, int number, ...)
+{
+    message m{exit_flag, level, tag != nullptr, tag != nullptr ? tag : "", number, {}, {}, {}};
+    va_list ap;
+    va_start(ap, number);
+    if (number == MSG_FREE_TEXT) {
+        const char *format = va_arg(ap, const char *);
+        m.format = format;
+        char text[1024];
+        vsnprintf(text, sizeof text, format, ap);
+        m.text = text;
+    } else {
+        for (const char *kind = signature(number); *kind != '\0'; kind++) {
+            if (*kind == 's')
+                m.args.emplace_back(va_arg(ap, const char *));
+            else if (*kind == 'u')
+                m.args.push_back(std::to_string(va_arg(ap, unsigned int)));
+            else
+                m.args.push_back(std::to_string(va_arg(ap, int)));
+        }
+    }
+    va_end(ap);
+    {
+        std::lock_guard<std::mutex> hold(lock);
+        recorded.push_back(m);
+    }
+    if (exit_flag != 0)
+        throw exit_request{exit_flag, number};
+    return 0;
+}
+
+int test_end(void)
+{
+    end_calls++;
+    return 0;
+}
+
+int dxt_tlib_get_cpu_cacheinfo(int cpu_id, uint32_t **record)
+{
+    std::lock_guard<std::mutex> hold(lock);
+    queries.push_back(cpu_id);
+    cpu_info &cpu = info(cpu_id);
+    *record = cpu.record;
+    return cpu.retval;
+}
+
+int dxt_tlib_get_x86_vendor(int cpu_id)
+{
+    std::lock_guard<std::mutex> hold(lock);
+    return info(cpu_id).vendor;
+}
+
+const char *dxt_tlib_get_init_errmsg(void) { return errmsg.c_str(); }

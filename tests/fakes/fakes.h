@@ -1,0 +1,96 @@
+// Fake harness, information library, platform and C-library calls for the
+// unit tests: they record what the program asks and answer from a script,
+// so every expected value can be worked out by hand. A message with a
+// non-zero exit flag throws fake::exit_request, thr_exit throws
+// fake::thread_exit, and thr_create runs the worker to its end before it
+// returns, so a run is deterministic.
+#ifndef TARNEL_TESTS_FAKES_H
+#define TARNEL_TESTS_FAKES_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace fake {
+
+struct message {
+    int exit_flag;
+    int level;
+    bool has_tag;
+    std::string tag;
+    int number;
+    std::vector<std::string> args;  // numbered messages: each argument as text
+    std::string format;             // free texts: the format as given
+    std::string text;               // free texts: the formatted text
+};
+
+struct exit_request {
+    int exit_flag;
+    int number;
+};
+
+struct thread_exit {
+    void *status;
+};
+
+// Back to the defaults: no messages, the default script below.
+void reset();
+
+// ---- harness ----
+std::vector<message> messages();
+std::vector<message> messages_numbered(int number);  // 0: the free texts
+int count_of(int number);
+// The numbers of all messages, in order (free texts as 0).
+std::vector<int> numbers();
+// Sub-option text that test_init hands to the parser (default: none given).
+void set_subopts(const std::string &text);
+int parser_result();       // -1 until test_init called the parser
+int test_end_calls();
+std::vector<std::string> trace_log();  // "before process_args", "after clean_up", ...
+
+// ---- information library ----
+// Default for every processor: result 0, descriptor 0 a 32 KiB L1 with 64-byte
+// lines and 8 ways, descriptor 4 a 1 MiB L2 with 64-byte lines and 8 ways.
+void set_cacheinfo_result(int cpu, int retval);
+void set_descriptor(int cpu, int index, uint32_t size, uint32_t line_size, uint32_t ways);
+void set_vendor(int cpu, int code);  // default 4 (AMD)
+void set_errmsg(const std::string &text);
+std::vector<int> cacheinfo_queries();  // processor ids, in order
+
+// ---- platform ----
+void set_online(const std::vector<int> &cpus);  // default {0}
+void fail_bind(int error_number);              // 0: binding succeeds (default)
+void fail_create(int nth_call, int error_number);  // nth thr_create, from 1
+std::vector<int> bound_cpus();                 // successful bindings, in order
+std::vector<int> started_cpus();               // worker arguments, in order of start
+// Instead of running a worker, return this status for it (by processor id).
+void script_worker_status(int cpu, int status);
+std::vector<unsigned int> joined_threads();
+
+// ---- C library ----
+// Calls numbered from 1 since reset(): calls first .. first+count-1 fail.
+void fail_memalign(int first, int count);
+int memalign_calls();
+void fail_mlock(bool fail);
+void fail_munlock(bool fail);
+struct range {
+    void *address;
+    size_t length;
+};
+std::vector<range> memalign_results();  // every non-null block handed out
+std::vector<range> mlock_calls();
+std::vector<range> munlock_calls();
+// The next malloc returns null (only in tests linked with fake_malloc).
+void fail_next_malloc();
+// Scripted draws, used first; the real generator afterwards.
+void script_lrand48(const std::vector<long> &draws);
+void script_drand48(const std::vector<double> &draws);
+int lrand48_calls();
+int drand48_calls();
+// Called with every block memalign hands out (the fault model plants here).
+void on_memalign(std::function<void(void *, size_t)> observer);
+
+}  // namespace fake
+
+#endif

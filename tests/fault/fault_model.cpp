@@ -1,0 +1,134 @@
+#include "fault_model.h"
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "fakes.h"
+#include "util/l2_util.h"
+
+namespace fault {
+namespace {
+
+enum kind { STUCK, LOST, ALIAS, COUPLING };
+
+struct planted {
+    kind what;
+    uintptr_t word;
+    int bit;
+    int value;
+    uintptr_t other;
+};
+
+std::vector<planted> faults;
+size_t load_count;
+size_t store_count;
+
+bool in_word(uintptr_t byte, uintptr_t word) { return byte >= word && byte < word + 4; }
+
+uintptr_t physical(uintptr_t byte)
+{
+    for (const planted &f : faults)
+        if (f.what == ALIAS && in_word(byte, f.word))
+            return f.other + (byte - f.word);
+    return byte;
+}
+
+uint8_t with_stuck_bits(uintptr_t cell, uint8_t value)
+{
+    for (const planted &f : faults) {
+        if (f.what != STUCK || cell != f.word + static_cast<unsigned>(f.bit) / 8)
+            continue;
+        uint8_t mask = static_cast<uint8_t>(1u << (f.bit % 8));
+        value = f.value != 0 ? (value | mask) : (value & ~mask);
+    }
+    return value;
+}
+
+bool store_lost(uintptr_t cell)
+{
+    for (const planted &f : faults)
+        if (f.what == LOST && in_word(cell, f.word))
+            return true;
+    return false;
+}
+
+volatile uint8_t &cell_at(uintptr_t cell) { return *reinterpret_cast<volatile uint8_t *>(cell); }
+
+}  // namespace
+
+void reset()
+{
+    faults.clear();
+    load_count = 0;
+    store_count = 0;
+    fake::on_memalign(nullptr);
+}
+
+void stuck_at(void *word, int bit, int value)
+{
+    faults.push_back({STUCK, reinterpret_cast<uintptr_t>(word), bit, value, 0});
+}
+
+void lost_write(void *word) { faults.push_back({LOST, reinterpret_cast<uintptr_t>(word), 0, 0, 0}); }
+
+void alias(void *word, void *other)
+{
+    faults.push_back({ALIAS, reinterpret_cast<uintptr_t>(word), 0, 0, reinterpret_cast<uintptr_t>(other)});
+}
+
+void coupling(void *aggressor, void *victim, int bit)
+{
+    faults.push_back({COUPLING, reinterpret_cast<uintptr_t>(aggressor), bit, 0, reinterpret_cast<uintptr_t>(victim)});
+}
+
+void in_allocation(int nth, std::function<void(char *, size_t)> plant)
+{
+    auto seen = std::make_shared<int>(0);
+    fake::on_memalign([nth, seen, plant](void *block, size_t length) {
+        if ((*seen)++ == nth)
+            plant(static_cast<char *>(block), length);
+    });
+}
+
+size_t loads() { return load_count; }
+size_t stores() { return store_count; }
+
+}  // namespace fault
+
+using namespace fault;
+
+uint64_t l2_fault_load(const void *addr, unsigned width)
+{
+    load_count++;
+    uint64_t value = 0;
+    for (unsigned i = 0; i < width; i++) {
+        uintptr_t cell = physical(reinterpret_cast<uintptr_t>(addr) + i);
+        value |= static_cast<uint64_t>(with_stuck_bits(cell, cell_at(cell))) << (8 * i);
+    }
+    return value;
+}
+
+void l2_fault_store(void *addr, unsigned width, uint64_t value)
+{
+    store_count++;
+    std::vector<const planted *> disturbed;
+    for (unsigned i = 0; i < width; i++) {
+        uintptr_t cell = physical(reinterpret_cast<uintptr_t>(addr) + i);
+        if (store_lost(cell))
+            continue;
+        cell_at(cell) = with_stuck_bits(cell, static_cast<uint8_t>(value >> (8 * i)));
+        for (const planted &f : faults)
+            if (f.what == COUPLING && in_word(cell, f.word))
+                disturbed.push_back(&f);
+    }
+    // One flip per store, however many of its bytes hit the aggressor.
+    const planted *last = nullptr;
+    for (const planted *f : disturbed) {
+        if (f == last)
+            continue;
+        last = f;
+        uintptr_t cell = f->other + static_cast<unsigned>(f->bit) / 8;
+        cell_at(cell) = cell_at(cell) ^ static_cast<uint8_t>(1u << (f->bit % 8));
+    }
+}

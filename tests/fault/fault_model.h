@@ -1,0 +1,33 @@
+// A simulated faulty memory for the fault-model build: with L2_FAULT_MODEL
+// every access helper of the program comes here, and the faults planted
+// below change what the access does. Cells are bytes of real memory; a
+// fault names a 32-bit word by its address (little-endian bit numbers).
+#ifndef TARNEL_TESTS_FAULT_MODEL_H
+#define TARNEL_TESTS_FAULT_MODEL_H
+
+#include <cstddef>
+#include <functional>
+
+namespace fault {
+
+// No faults: every access reaches memory unchanged.
+void reset();
+// A bit of the word stuck at `value`: loads see it so and stores cannot
+// change it.
+void stuck_at(void *word, int bit, int value);
+// Every store to the word is lost (its bytes keep what they held).
+void lost_write(void *word);
+// Accesses to the word reach the word at `other` instead.
+void alias(void *word, void *other);
+// A store to the aggressor word flips a bit of the victim word.
+void coupling(void *aggressor, void *victim, int bit);
+// Calls `plant` with the nth block (0 = the next) that memalign hands out
+// from now on, so a test can place a fault in a buffer a subtest allocates.
+void in_allocation(int nth, std::function<void(char *block, size_t length)> plant);
+// Accesses made through the helpers since reset(), loads and stores.
+size_t loads();
+size_t stores();
+
+}  // namespace fault
+
+#endif
