@@ -12,6 +12,9 @@
 #include <string>
 #include <vector>
 
+// The program's entry, renamed in the program under test.
+int tarnel_main(int argc, char **argv);
+
 namespace fake {
 
 struct message {
