@@ -1,7 +1,259 @@
-// DEVSTUB
+// The SVR4 processor and thread calls on Linux. A processor is online for
+// the program when the kernel lists it online and the process may run on it,
+// so `taskset -c 1 tarneltest` tests processor 1 alone. Every Linux thread
+// is scheduled by the kernel on its own, which is what a bound thread is;
+// thread ids are small numbers mapped to pthread handles.
 #include "platform.h"
-int p_online(int, int) { return -1; }
-int processor_bind(int, int, int, int *) { return 0; }
-int thr_create(void *, size_t, void *(*)(void *), void *, long, unsigned int *) { return 1; }
-int thr_join(unsigned int, unsigned int *, void **) { return 0; }
-void thr_exit(void *) {}
+
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "cpu_list.h"
+
+namespace {
+
+// Processor ids beyond this are refused rather than sized into a mask.
+constexpr int MAX_PROCESSOR_ID = 1 << 20;
+// What an unbound thread reports as its previous binding.
+constexpr int NOT_BOUND = -1;
+
+// A processor mask sized for whatever the kernel uses.
+struct processor_mask {
+    cpu_set_t *set;
+    size_t size;
+    int processors;
+};
+
+// The mask of the thread (pthread) or, with process set, of the process's
+// first thread, which is the mask the process was started with.
+bool get_mask(bool process, processor_mask *mask)
+{
+    for (int processors = 1024; processors <= MAX_PROCESSOR_ID; processors *= 2) {
+        cpu_set_t *set = CPU_ALLOC(processors);
+        size_t size = CPU_ALLOC_SIZE(processors);
+        int error = process ? (sched_getaffinity(getpid(), size, set) == 0 ? 0 : errno)
+                            : pthread_getaffinity_np(pthread_self(), size, set);
+        if (error == 0) {
+            *mask = {set, size, processors};
+            return true;
+        }
+        CPU_FREE(set);
+        if (error != EINVAL)  // EINVAL: the kernel's mask is larger
+            return false;
+    }
+    return false;
+}
+
+// The one processor a mask allows, or NOT_BOUND when it allows several.
+int bound_processor(const processor_mask &mask)
+{
+    if (CPU_COUNT_S(mask.size, mask.set) != 1)
+        return NOT_BOUND;
+    int cpu = 0;
+    while (!CPU_ISSET_S(cpu, mask.size, mask.set))
+        cpu++;
+    return cpu;
+}
+
+bool read_cpu_list(const std::string &path, std::set<int> *ids)
+{
+    char text[4096];
+    FILE *file = fopen(path.c_str(), "re");
+    if (file == nullptr)
+        return false;
+    size_t length = fread(text, 1, sizeof text - 1, file);
+    fclose(file);
+    text[length] = '\0';
+    return parse_cpu_list(text, ids);
+}
+
+// One id of a list: digits, below MAX_PROCESSOR_ID.
+bool parse_id(const char **at, int *id)
+{
+    const char *c = *at;
+    if (*c < '0' || *c > '9')
+        return false;
+    long value = 0;
+    while (*c >= '0' && *c <= '9') {
+        value = value * 10 + (*c - '0');
+        if (value >= MAX_PROCESSOR_ID)
+            return false;
+        c++;
+    }
+    *id = int(value);
+    *at = c;
+    return true;
+}
+
+std::mutex threads_lock;
+unsigned int next_thread_id = 1;
+
+// Never freed: threads may still be joined while the process ends.
+std::map<unsigned int, pthread_t> &threads()
+{
+    static auto *by_id = new std::map<unsigned int, pthread_t>;
+    return *by_id;
+}
+
+unsigned int new_thread_id()
+{
+    while (next_thread_id == 0 || threads().count(next_thread_id) != 0)
+        next_thread_id++;
+    return next_thread_id++;
+}
+
+}  // namespace
+
+bool parse_cpu_list(const char *text, std::set<int> *ids)
+{
+    ids->clear();
+    const char *at = text;
+    for (;;) {
+        int first = 0;
+        int last = 0;
+        if (!parse_id(&at, &first))
+            break;
+        last = first;
+        if (*at == '-') {
+            at++;
+            if (!parse_id(&at, &last) || last < first)
+                break;
+        }
+        for (int id = first; id <= last; id++)
+            ids->insert(id);
+        if (*at == ',') {
+            at++;
+            continue;
+        }
+        if (*at == '\n')
+            at++;
+        if (*at == '\0')
+            return true;
+        break;
+    }
+    ids->clear();
+    return false;
+}
+
+int processor_state(const char *cpu_dir, int processor_id, int flag)
+{
+    if (flag != P_STATUS || processor_id < 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    std::set<int> possible;
+    bool listed = read_cpu_list(std::string(cpu_dir) + "/possible", &possible);
+    if (listed ? possible.count(processor_id) == 0 : processor_id >= sysconf(_SC_NPROCESSORS_CONF)) {
+        errno = EINVAL;
+        return -1;
+    }
+    processor_mask allowed;
+    if (!get_mask(true, &allowed))
+        return -1;
+    bool may_run = processor_id < allowed.processors && CPU_ISSET_S(processor_id, allowed.size, allowed.set);
+    CPU_FREE(allowed.set);
+    // Without the kernel's online list, the processors the process may run
+    // on are the online ones.
+    std::set<int> online;
+    if (read_cpu_list(std::string(cpu_dir) + "/online", &online) && online.count(processor_id) == 0)
+        return P_OFFLINE;
+    return may_run ? P_ONLINE : P_OFFLINE;
+}
+
+int p_online(int processor_id, int flag)
+{
+    return processor_state(PLATFORM_CPU_DIR, processor_id, flag);
+}
+
+int processor_bind(int idtype, int id, int processor_id, int *old_binding)
+{
+    if (idtype != P_LWPID || id != P_MYID || processor_id < 0 || processor_id >= MAX_PROCESSOR_ID) {
+        errno = EINVAL;
+        return -1;
+    }
+    processor_mask old;
+    if (!get_mask(false, &old))
+        return -1;
+    int previous = bound_processor(old);
+    CPU_FREE(old.set);
+
+    cpu_set_t *only = CPU_ALLOC(processor_id + 1);
+    size_t size = CPU_ALLOC_SIZE(processor_id + 1);
+    CPU_ZERO_S(size, only);
+    CPU_SET_S(processor_id, size, only);
+    int error = pthread_setaffinity_np(pthread_self(), size, only);
+    CPU_FREE(only);
+    if (error != 0) {
+        errno = error;
+        return -1;
+    }
+    if (old_binding != nullptr)
+        *old_binding = previous;
+    return 0;
+}
+
+int thr_create(void *stack_base, size_t stack_size, void *(*start)(void *), void *arg, long flags,
+               unsigned int *new_thread)
+{
+    // THR_BOUND is the only flag: every Linux thread is bound already.
+    if (start == nullptr || (flags & ~long(THR_BOUND)) != 0)
+        return EINVAL;
+    pthread_attr_t attributes;
+    int error = pthread_attr_init(&attributes);
+    if (error != 0)
+        return error;
+    if (stack_base != nullptr)
+        error = pthread_attr_setstack(&attributes, stack_base, stack_size);
+    else if (stack_size != 0)
+        error = pthread_attr_setstacksize(&attributes, stack_size);
+    if (error == 0) {
+        std::lock_guard<std::mutex> hold(threads_lock);
+        pthread_t thread;
+        error = pthread_create(&thread, &attributes, start, arg);
+        if (error == 0) {
+            unsigned int thread_id = new_thread_id();
+            threads()[thread_id] = thread;
+            if (new_thread != nullptr)
+                *new_thread = thread_id;
+        }
+    }
+    pthread_attr_destroy(&attributes);
+    return error;
+}
+
+int thr_join(unsigned int thread, unsigned int *departed, void **status)
+{
+    pthread_t handle;
+    {
+        std::lock_guard<std::mutex> hold(threads_lock);
+        auto found = threads().find(thread);
+        if (found == threads().end())
+            return ESRCH;
+        if (pthread_equal(found->second, pthread_self()))
+            return EDEADLK;
+        handle = found->second;
+        threads().erase(found);
+    }
+    void *exit_status = nullptr;
+    int error = pthread_join(handle, &exit_status);
+    if (error != 0)
+        return error;
+    if (departed != nullptr)
+        *departed = thread;
+    if (status != nullptr)
+        *status = exit_status;
+    return 0;
+}
+
+void thr_exit(void *status)
+{
+    pthread_exit(status);
+}
