@@ -1,0 +1,334 @@
+// Assembly of one output line: the time, the severity, the processor, the
+// tag, the number and the text, as plain text or as one JSON object. Every
+// function here is async-signal-safe (no allocation, no locale, no stdio), so
+// the signal handlers build their lines with the same code as dxt_message.
+#include <cstdint>
+
+#include "dxttest_internal.h"
+#include "harness/testinfo.h"
+
+namespace dxt {
+
+namespace {
+
+// Room kept after a text for what closes its line (the JSON object's end and
+// the newline): a long text is cut, the line never is.
+constexpr size_t closing_room = 32;
+constexpr std::string_view cut_mark = "[cut]";
+
+void put_char(line_buffer &line, char c)
+{
+    if (line.length < line_capacity)
+        line.data[line.length++] = c;
+}
+
+void put_padded(line_buffer &line, long long value, int digits)
+{
+    char reversed[24];
+    int n = 0;
+    do {
+        reversed[n++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value > 0 && n < 24);
+    while (n < digits && n < 24)
+        reversed[n++] = '0';
+    while (n > 0)
+        put_char(line, reversed[--n]);
+}
+
+bool text_room_left(const line_buffer &line, size_t needed)
+{
+    return line.length + needed + cut_mark.size() + closing_room <= line_capacity;
+}
+
+// Length of the well-formed UTF-8 sequence at s[i], or 0 when it is not one.
+size_t utf8_sequence(std::string_view s, size_t i)
+{
+    auto byte = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
+    unsigned char lead = byte(i);
+    size_t length;
+    unsigned char low = 0x80, high = 0xBF;  // the second byte's range
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        if (lead == 0xE0)
+            low = 0xA0;  // no overlong forms
+        if (lead == 0xED)
+            high = 0x9F;  // no surrogates
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        if (lead == 0xF0)
+            low = 0x90;
+        if (lead == 0xF4)
+            high = 0x8F;  // nothing above U+10FFFF
+    } else {
+        return 0;
+    }
+    if (i + length > s.size())
+        return 0;
+    if (byte(i + 1) < low || byte(i + 1) > high)
+        return 0;
+    for (size_t k = 2; k < length; k++)
+        if (byte(i + k) < 0x80 || byte(i + k) > 0xBF)
+            return 0;
+    return length;
+}
+
+void put_cpu(line_buffer &line, int cpu, bool json)
+{
+    if (cpu >= 0)
+        put_int(line, cpu);
+    else
+        put(line, json ? "null" : "?");
+}
+
+}  // namespace
+
+bool level_shown(display_mode mode, int level, int number)
+{
+    // The usage is shown whenever it is asked for, even when quiet.
+    if (number == MSG_USAGE)
+        return true;
+    if (level >= LVL_DEBUG)
+        return mode.debug;
+    if (mode.quiet)
+        return level >= LVL_FATAL && level <= LVL_STEP_ERROR;
+    return true;
+}
+
+const char *severity_word(int level)
+{
+    switch (level) {
+    case 1:
+        return "FATAL";
+    case 2:
+        return "FAULT";
+    case 3:
+        return "ERROR";
+    case 6:
+        return "USAGE";
+    case 7:
+        return "INFO";
+    case 8:
+        return "DEBUG";
+    default:
+        return nullptr;
+    }
+}
+
+void put(line_buffer &line, std::string_view s)
+{
+    for (char c : s)
+        put_char(line, c);
+}
+
+void put_int(line_buffer &line, long long value)
+{
+    if (value < 0) {
+        put_char(line, '-');
+        // Negate in unsigned arithmetic so the most negative value survives.
+        unsigned long long magnitude = 0ULL - static_cast<unsigned long long>(value);
+        char reversed[24];
+        int n = 0;
+        do {
+            reversed[n++] = static_cast<char>('0' + magnitude % 10);
+            magnitude /= 10;
+        } while (magnitude > 0);
+        while (n > 0)
+            put_char(line, reversed[--n]);
+        return;
+    }
+    put_padded(line, value, 1);
+}
+
+void put_hex(line_buffer &line, unsigned long long value)
+{
+    put(line, "0x");
+    char reversed[16];
+    int n = 0;
+    do {
+        reversed[n++] = "0123456789abcdef"[value & 0xF];
+        value >>= 4;
+    } while (value > 0);
+    while (n > 0)
+        put_char(line, reversed[--n]);
+}
+
+void put_utc_time(line_buffer &line, long long t)
+{
+    // Civil date from days since 1970-01-01 in the proleptic Gregorian
+    // calendar (eras of 400 years), since gmtime_r is not safe in a handler.
+    long long days = t / 86400;
+    long long seconds = t % 86400;
+    if (seconds < 0) {
+        seconds += 86400;
+        days -= 1;
+    }
+    long long z = days + 719468;
+    long long era = (z >= 0 ? z : z - 146096) / 146097;
+    long long day_of_era = z - era * 146097;
+    long long year_of_era = (day_of_era - day_of_era / 1460 + day_of_era / 36524 - day_of_era / 146096) / 365;
+    long long day_of_year = day_of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
+    long long month_from_march = (5 * day_of_year + 2) / 153;
+    long long day = day_of_year - (153 * month_from_march + 2) / 5 + 1;
+    long long month = month_from_march < 10 ? month_from_march + 3 : month_from_march - 9;
+    long long year = year_of_era + era * 400 + (month <= 2 ? 1 : 0);
+
+    put_padded(line, year, 4);
+    put_char(line, '-');
+    put_padded(line, month, 2);
+    put_char(line, '-');
+    put_padded(line, day, 2);
+    put_char(line, 'T');
+    put_padded(line, seconds / 3600, 2);
+    put_char(line, ':');
+    put_padded(line, seconds / 60 % 60, 2);
+    put_char(line, ':');
+    put_padded(line, seconds % 60, 2);
+    put_char(line, 'Z');
+}
+
+void put_json_string(line_buffer &line, std::string_view text)
+{
+    put_char(line, '"');
+    for (size_t i = 0; i < text.size();) {
+        if (!text_room_left(line, 6)) {
+            put(line, cut_mark);
+            break;
+        }
+        unsigned char c = static_cast<unsigned char>(text[i]);
+        if (c == '"' || c == '\\') {
+            put_char(line, '\\');
+            put_char(line, static_cast<char>(c));
+        } else if (c == '\n') {
+            put(line, "\\n");
+        } else if (c == '\r') {
+            put(line, "\\r");
+        } else if (c == '\t') {
+            put(line, "\\t");
+        } else if (c < 0x20 || c == 0x7F) {
+            put(line, "\\u00");
+            put_char(line, "0123456789abcdef"[c >> 4]);
+            put_char(line, "0123456789abcdef"[c & 0xF]);
+        } else if (c >= 0x80) {
+            // JSON text is UTF-8: a byte that starts no well-formed sequence
+            // becomes the replacement character.
+            size_t length = utf8_sequence(text, i);
+            if (length == 0) {
+                put(line, "\\ufffd");
+                i++;
+                continue;
+            }
+            put(line, text.substr(i, length));
+            i += length;
+            continue;
+        } else {
+            put_char(line, static_cast<char>(c));
+        }
+        i++;
+    }
+    put_char(line, '"');
+}
+
+void put_elapsed(line_buffer &line, long long milliseconds)
+{
+    long long tenths = (milliseconds + 50) / 100;
+    put_int(line, tenths / 10);
+    put_char(line, '.');
+    put_int(line, tenths % 10);
+    put(line, " s");
+}
+
+void put_message_line(line_buffer &line, const message_fields &m, bool json)
+{
+    const char *word = severity_word(m.level);
+    if (json) {
+        put(line, "{\"time\":\"");
+        put_utc_time(line, m.time);
+        put(line, "\",\"level\":");
+        put_int(line, m.level);
+        put(line, ",\"severity\":\"");
+        if (word != nullptr) {
+            put(line, word);
+        } else {
+            put(line, "LEVEL");
+            put_int(line, m.level);
+        }
+        put(line, "\",\"cpu\":");
+        put_cpu(line, m.cpu, true);
+        put(line, ",\"tag\":");
+        if (m.tag != nullptr)
+            put_json_string(line, m.tag);
+        else
+            put(line, "null");
+        put(line, ",\"number\":");
+        put_int(line, m.number);
+        put(line, ",\"exit_flag\":");
+        put_int(line, m.exit_flag);
+        put(line, ",\"text\":");
+        put_json_string(line, m.text);
+        put(line, "}\n");
+        return;
+    }
+    // The usage reads as a usage: a person asked for it, not a log.
+    if (m.number == MSG_USAGE && m.exit_flag == 0) {
+        put(line, m.text.substr(0, text_capacity));
+        put_char(line, '\n');
+        return;
+    }
+    put_utc_time(line, m.time);
+    put_char(line, ' ');
+    if (word != nullptr) {
+        put(line, word);
+    } else {
+        put(line, "LEVEL");
+        put_int(line, m.level);
+    }
+    put(line, " cpu");
+    put_cpu(line, m.cpu, false);
+    if (m.tag != nullptr) {
+        put(line, " [");
+        put(line, m.tag);
+        put_char(line, ']');
+    }
+    put(line, " #");
+    put_int(line, m.number);
+    put_char(line, ' ');
+    if (text_room_left(line, m.text.size())) {
+        put(line, m.text);
+    } else {
+        size_t room = line_capacity - line.length - cut_mark.size() - closing_room;
+        put(line, m.text.substr(0, room));
+        put(line, cut_mark);
+    }
+    put_char(line, '\n');
+}
+
+void put_verdict_line(line_buffer &line, const verdict_fields &v, bool json)
+{
+    if (json) {
+        put(line, "{\"time\":\"");
+        put_utc_time(line, v.time);
+        put(line, "\",\"verdict\":");
+        put_json_string(line, v.verdict);
+        put(line, ",\"exit_status\":");
+        put_int(line, v.exit_status);
+        put(line, ",\"cpu\":");
+        put_cpu(line, v.cpu, true);
+        put(line, ",\"text\":");
+        put_json_string(line, v.text);
+        put(line, "}\n");
+        return;
+    }
+    put_utc_time(line, v.time);
+    put(line, " VERDICT cpu");
+    put_cpu(line, v.cpu, false);
+    put_char(line, ' ');
+    put(line, v.verdict);
+    put(line, ": ");
+    put(line, v.text.substr(0, text_capacity));
+    put_char(line, '\n');
+}
+
+}  // namespace dxt
