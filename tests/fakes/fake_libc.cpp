@@ -1,4 +1,4 @@
-// Interposes memalign, mlock, munlock, lrand48 and drand48 for the program
+// Interposes memalign, mlock, munlock, lrand48, drand48 and sleep for the program
 // under test: the test binary's definitions come before the C library's.
 // Each forwards to the next definition (the C library's, or a sanitizer's)
 // unless the script says otherwise.
@@ -28,6 +28,7 @@ std::deque<double> drand48_script;
 int lrand48_count;
 int drand48_count;
 std::function<void(void *, size_t)> observer;
+std::vector<unsigned int> slept;
 
 template <typename F>
 F next(const char *name)
@@ -53,6 +54,7 @@ void reset_libc()
     lrand48_count = 0;
     drand48_count = 0;
     observer = nullptr;
+    slept.clear();
 }
 
 void fail_memalign(int first, int count)
@@ -72,6 +74,7 @@ void script_drand48(const std::vector<double> &draws) { drand48_script.assign(dr
 int lrand48_calls() { return lrand48_count; }
 int drand48_calls() { return drand48_count; }
 void on_memalign(std::function<void(void *, size_t)> callback) { observer = std::move(callback); }
+std::vector<unsigned int> sleeps() { return slept; }
 
 }  // namespace fake
 
@@ -141,6 +144,14 @@ double drand48(void)
     double draw = drand48_script.front();
     drand48_script.pop_front();
     return draw;
+}
+
+// Recorded, not slept: the driver's pauses would only slow the tests.
+unsigned int sleep(unsigned int seconds)
+{
+    std::lock_guard<std::recursive_mutex> hold(lock);
+    slept.push_back(seconds);
+    return 0;
 }
 
 }  // extern "C"

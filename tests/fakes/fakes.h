@@ -91,6 +91,8 @@ void script_lrand48(const std::vector<long> &draws);
 void script_drand48(const std::vector<double> &draws);
 int lrand48_calls();
 int drand48_calls();
+// The seconds of every sleep() call, in order (the fake does not sleep).
+std::vector<unsigned int> sleeps();
 // Called with every block memalign hands out (the fault model plants here).
 void on_memalign(std::function<void(void *, size_t)> observer);
 

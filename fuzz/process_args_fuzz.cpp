@@ -1,0 +1,69 @@
+// Any sub-option text: the parser answers 0 or 1, never crashes, and leaves
+// every option variable at its default or at a value the option table
+// allows. A text whose first item is rejected stores nothing at all.
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "driver/tarnel.h"
+#include "fakes.h"
+
+namespace {
+
+void defaults()
+{
+    count = 8;
+    tag_count = 1;
+    march_window = 0;
+    march_al = 512;
+    march_pats = 15;
+    l1cache_write_policy = -1;
+    test_mask = 1048575;
+}
+
+bool at_defaults()
+{
+    return count == 8 && tag_count == 1 && march_window == 0 && march_al == 512 && march_pats == 15 &&
+           l1cache_write_policy == -1 && test_mask == 1048575;
+}
+
+// The first item names no keyword of the table, so it is rejected.
+bool first_item_unknown(const std::string &text)
+{
+    static const char *const known[] = {"dev", "count", "tag", "em", "threshold", "march_window", "march_al",
+                                        "march_addr_stride", "march_pats", "l1cache_write_policy", "test_mask",
+                                        "cpc"};
+    std::string item = text.substr(0, text.find(','));
+    std::string keyword = item.substr(0, item.find('='));
+    if (item.empty())
+        return false;
+    for (const char *k : known)
+        if (keyword == k)
+            return false;
+    return true;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    fake::reset();
+    defaults();
+    std::string text(reinterpret_cast<const char *>(data), size);
+    text = text.substr(0, text.find('\0'));
+    std::vector<char> writable(text.begin(), text.end());
+    writable.push_back('\0');
+
+    int result = process_args(writable.data());
+    if (result != 0 && result != 1)
+        abort();
+    if (count < 1 || count > 1024 || tag_count < 1 || tag_count > 1024)
+        abort();
+    if (first_item_unknown(text) && (result != 0 || !at_defaults()))
+        abort();
+    if (text.empty() && (result != 1 || !at_defaults()))
+        abort();
+    return 0;
+}
