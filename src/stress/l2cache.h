@@ -5,6 +5,7 @@
 #ifndef TARNEL_STRESS_L2CACHE_H
 #define TARNEL_STRESS_L2CACHE_H
 
+#include <atomic>
 #include <cstdint>
 
 // Geometry taken when the processor's second-level cache cannot be described.
@@ -34,8 +35,9 @@ enum l2_test_bit {
 };
 
 // The system page size: the alignment of every test buffer. Every worker
-// writes it at its start, all with the same value.
-extern uint32_t pagesize;
+// writes it at its start, all with the same value; atomic so that those
+// concurrent writes are well defined.
+extern std::atomic<uint32_t> pagesize;
 
 // The start routine of a worker thread: the argument is the processor id
 // (by value). Ends the thread with the status of the first failing subtest,
