@@ -5,61 +5,47 @@
 
 #include "cacheinfo_sources.h"
 #include "harness/testinfo.h"
+#include "recorded_cpuid.h"
 
 namespace {
 
-void expect_desc(const cache_desc &desc, uint32_t size, uint32_t line_size, uint32_t ways)
+void expect_desc(const cache_desc &desc, uint32_t source, uint32_t size, uint32_t line_size, uint32_t ways)
 {
-    EXPECT_EQ(desc.source, SOURCE_CPUID);
+    EXPECT_EQ(desc.source, source);
     EXPECT_EQ(desc.size, size);
     EXPECT_EQ(desc.line_size, line_size);
     EXPECT_EQ(desc.ways, ways);
 }
 
-// Leaf 4 of an Intel Core (Skylake): L1 data, L1 instruction, L2, L3, end.
-const cpuid_regs skylake_leaf4[] = {
-    {0x1c004121, 0x01c0003f, 0x0000003f, 0x00000000},
-    {0x1c004122, 0x01c0003f, 0x0000003f, 0x00000000},
-    {0x1c004143, 0x00c0003f, 0x000003ff, 0x00000000},
-    {0x1c03c163, 0x03c0003f, 0x00001fff, 0x00000006},
-    {0x00000000, 0x00000000, 0x00000000, 0x00000000},
-};
-
-// Leaf 0x8000001D of an AMD Zen 2: L1 data, L1 instruction, L2, L3, end.
-const cpuid_regs zen2_leaf_8000001d[] = {
-    {0x00004121, 0x01c0003f, 0x0000003f, 0x00000000},
-    {0x00004122, 0x01c0003f, 0x0000003f, 0x00000000},
-    {0x00004143, 0x01c0003f, 0x000003ff, 0x00000002},
-    {0x0001c163, 0x03c0003f, 0x00003fff, 0x00000001},
-    {0x00000000, 0x00000000, 0x00000000, 0x00000000},
-};
+using recorded::skylake_leaf4;
+using recorded::zen2_leaf_8000001d;
 
 TEST(deterministic_leaf, intel_leaf_4)
 {
     cache_desc l2 = {};
     cache_desc l1 = {};
-    ASSERT_TRUE(find_deterministic_cache(skylake_leaf4, 5, CACHE_L2, &l2));
-    expect_desc(l2, 256 * 1024, 64, 4);  // 4 ways x 1 partition x 64 bytes x 1024 sets
-    ASSERT_TRUE(find_deterministic_cache(skylake_leaf4, 5, CACHE_L1_DATA, &l1));
-    expect_desc(l1, 32 * 1024, 64, 8);
+    ASSERT_EQ(find_deterministic_cache(skylake_leaf4, 5, CACHE_L2, CACHE_SOURCE_CPUID_4, &l2), 2);
+    expect_desc(l2, CACHE_SOURCE_CPUID_4, 256 * 1024, 64, 4);  // 4 ways x 1 partition x 64 bytes x 1024 sets
+    ASSERT_EQ(find_deterministic_cache(skylake_leaf4, 5, CACHE_L1_DATA, CACHE_SOURCE_CPUID_4, &l1), 0);
+    expect_desc(l1, CACHE_SOURCE_CPUID_4, 32 * 1024, 64, 8);
 }
 
 TEST(deterministic_leaf, intel_server_l2)
 {
     // Skylake-SP: 1 MiB, 16 ways.
     cache_desc l2 = {};
-    ASSERT_TRUE(decode_deterministic_cache({0x7c004143, 0x03c0003f, 0x000003ff, 0}, CACHE_L2, &l2));
-    expect_desc(l2, 1024 * 1024, 64, 16);
+    ASSERT_TRUE(decode_deterministic_cache({0x7c004143, 0x03c0003f, 0x000003ff, 0}, CACHE_L2, CACHE_SOURCE_CPUID_4, &l2));
+    expect_desc(l2, CACHE_SOURCE_CPUID_4, 1024 * 1024, 64, 16);
 }
 
 TEST(deterministic_leaf, amd_leaf_8000001d)
 {
     cache_desc l2 = {};
     cache_desc l1 = {};
-    ASSERT_TRUE(find_deterministic_cache(zen2_leaf_8000001d, 5, CACHE_L2, &l2));
-    expect_desc(l2, 512 * 1024, 64, 8);
-    ASSERT_TRUE(find_deterministic_cache(zen2_leaf_8000001d, 5, CACHE_L1_DATA, &l1));
-    expect_desc(l1, 32 * 1024, 64, 8);
+    ASSERT_EQ(find_deterministic_cache(zen2_leaf_8000001d, 5, CACHE_L2, CACHE_SOURCE_CPUID_8000001D, &l2), 2);
+    expect_desc(l2, CACHE_SOURCE_CPUID_8000001D, 512 * 1024, 64, 8);
+    ASSERT_EQ(find_deterministic_cache(zen2_leaf_8000001d, 5, CACHE_L1_DATA, CACHE_SOURCE_CPUID_8000001D, &l1), 0);
+    expect_desc(l1, CACHE_SOURCE_CPUID_8000001D, 32 * 1024, 64, 8);
 }
 
 TEST(deterministic_leaf, partitions_count_in_the_size)
@@ -67,16 +53,16 @@ TEST(deterministic_leaf, partitions_count_in_the_size)
     // 8 ways, 2 partitions, 64-byte lines, 512 sets.
     cache_desc l2 = {};
     uint32_t ebx = (7u << 22) | (1u << 12) | 63u;
-    ASSERT_TRUE(decode_deterministic_cache({0x00000143, ebx, 511, 0}, CACHE_L2, &l2));
-    expect_desc(l2, 8 * 2 * 64 * 512, 64, 8);
+    ASSERT_TRUE(decode_deterministic_cache({0x00000143, ebx, 511, 0}, CACHE_L2, CACHE_SOURCE_CPUID_4, &l2));
+    expect_desc(l2, CACHE_SOURCE_CPUID_4, 8 * 2 * 64 * 512, 64, 8);
 }
 
 TEST(deterministic_leaf, instruction_cache_and_other_levels_do_not_answer)
 {
     cache_desc desc = {};
-    EXPECT_FALSE(decode_deterministic_cache(skylake_leaf4[1], CACHE_L1_DATA, &desc));  // L1 instruction
-    EXPECT_FALSE(decode_deterministic_cache(skylake_leaf4[3], CACHE_L2, &desc));       // L3
-    EXPECT_FALSE(decode_deterministic_cache(skylake_leaf4[0], CACHE_L2, &desc));       // L1 data
+    EXPECT_FALSE(decode_deterministic_cache(skylake_leaf4[1], CACHE_L1_DATA, CACHE_SOURCE_CPUID_4, &desc));  // L1 instruction
+    EXPECT_FALSE(decode_deterministic_cache(skylake_leaf4[3], CACHE_L2, CACHE_SOURCE_CPUID_4, &desc));       // L3
+    EXPECT_FALSE(decode_deterministic_cache(skylake_leaf4[0], CACHE_L2, CACHE_SOURCE_CPUID_4, &desc));       // L1 data
     EXPECT_EQ(desc.size, 0u);
 }
 
@@ -87,8 +73,8 @@ TEST(deterministic_leaf, walk_ends_at_the_first_empty_subleaf)
     const cpuid_regs none[] = {{0, 0, 0, 0}};
     const cpuid_regs cut[] = {skylake_leaf4[0], {0, 0, 0, 0}, skylake_leaf4[2]};
     cache_desc desc = {};
-    EXPECT_FALSE(find_deterministic_cache(none, 1, CACHE_L2, &desc));
-    EXPECT_FALSE(find_deterministic_cache(cut, 3, CACHE_L2, &desc));
+    EXPECT_EQ(find_deterministic_cache(none, 1, CACHE_L2, CACHE_SOURCE_CPUID_4, &desc), -1);
+    EXPECT_EQ(find_deterministic_cache(cut, 3, CACHE_L2, CACHE_SOURCE_CPUID_4, &desc), -1);
     EXPECT_EQ(desc.size, 0u);
 }
 
@@ -97,7 +83,7 @@ TEST(amd_legacy_leaves, this_machines_leaf_80000006)
     // AMD EPYC guest: 1024 KB, code 6, 64-byte lines.
     cache_desc l2 = {};
     ASSERT_TRUE(decode_amd_l2({0x40802040, 0x60804040, 0x04006140, 0x0fe09140}, &l2));
-    expect_desc(l2, 1024 * 1024, 64, 8);
+    expect_desc(l2, CACHE_SOURCE_CPUID_80000006, 1024 * 1024, 64, 8);
 }
 
 TEST(amd_legacy_leaves, this_machines_leaf_80000005)
@@ -105,14 +91,14 @@ TEST(amd_legacy_leaves, this_machines_leaf_80000005)
     // 48 KB, 12 ways, 1 line per tag, 64-byte lines.
     cache_desc l1 = {};
     ASSERT_TRUE(decode_amd_l1_data({0xff60ff40, 0xff60ff40, 0x300c0140, 0x20080140}, &l1));
-    expect_desc(l1, 48 * 1024, 64, 12);
+    expect_desc(l1, CACHE_SOURCE_CPUID_80000005, 48 * 1024, 64, 12);
 }
 
 TEST(amd_legacy_leaves, fully_associative_l1_has_one_way_per_line)
 {
     cache_desc l1 = {};
     ASSERT_TRUE(decode_amd_l1_data({0, 0, 0x20ff0140, 0}, &l1));
-    expect_desc(l1, 32 * 1024, 64, 512);
+    expect_desc(l1, CACHE_SOURCE_CPUID_80000005, 32 * 1024, 64, 512);
 }
 
 TEST(amd_legacy_leaves, absent_l2_does_not_answer)
@@ -142,7 +128,7 @@ TEST_P(amd_associativity, code_decodes_through_the_table)
         EXPECT_EQ(l2.size, 0u);
     } else {
         ASSERT_TRUE(decode_amd_l2(leaf, &l2));
-        expect_desc(l2, 512 * 1024, 64, c.ways);
+        expect_desc(l2, CACHE_SOURCE_CPUID_80000006, 512 * 1024, 64, c.ways);
     }
 }
 

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "cacheinfo_sources.h"
 
@@ -23,8 +24,8 @@ protected:
     void TearDown() override { fs::remove_all(root); }
 
     // One cache entry as the kernel writes it, line ends included.
-    void entry(int cpu, int index, int level, const std::string &type, const std::string &size,
-               int line_size, int ways)
+    fs::path entry(int cpu, int index, int level, const std::string &type, const std::string &size,
+                   int line_size, int ways)
     {
         fs::path dir = root / ("cpu" + std::to_string(cpu)) / "cache" / ("index" + std::to_string(index));
         fs::create_directories(dir);
@@ -33,18 +34,27 @@ protected:
         write(dir / "size", size);
         write(dir / "coherency_line_size", std::to_string(line_size));
         write(dir / "ways_of_associativity", std::to_string(ways));
+        return dir;
     }
 
     static void write(const fs::path &file, const std::string &text) { std::ofstream(file) << text << "\n"; }
 
-    bool read(int cpu, cache_pair *caches) { return sysfs_caches(root.c_str(), cpu, caches); }
+    bool read(int cpu, cache_pair *caches)
+    {
+        sysfs_answer answer;
+        bool found = sysfs_caches(root.c_str(), cpu, &answer);
+        *caches = answer.caches;
+        shared = answer.l2_shared;
+        return found;
+    }
 
     fs::path root;
+    std::string shared;  // l2_shared of the last read
 };
 
 void expect_desc(const cache_desc &desc, uint32_t size, uint32_t line_size, uint32_t ways)
 {
-    EXPECT_EQ(desc.source, SOURCE_SYSFS);
+    EXPECT_EQ(desc.source, CACHE_SOURCE_SYSFS);
     EXPECT_EQ(desc.size, size);
     EXPECT_EQ(desc.line_size, line_size);
     EXPECT_EQ(desc.ways, ways);
@@ -121,6 +131,70 @@ TEST_F(sysfs_tree, unreadable_size_skips_the_entry)
     entry(0, 2, 2, "Unified", "lots", 64, 8);
     cache_pair caches;
     EXPECT_FALSE(read(0, &caches));
+}
+
+TEST_F(sysfs_tree, impossible_entries_are_passed_over)
+{
+    // The lowest believable index of each kind wins; an impossible one
+    // before it does not stop the search.
+    entry(0, 0, 1, "Data", "32K", 48, 8);          // line size not a power of two
+    entry(0, 1, 1, "Data", "2M", 64, 8);           // no first-level cache is this large
+    entry(0, 2, 1, "Data", "48K", 64, 12);
+    entry(0, 3, 2, "Unified", "512M", 64, 16);     // an L3 misfiled as level 2
+    entry(0, 4, 2, "Unified", "1024K", 64, 0);     // no ways
+    entry(0, 5, 2, "Unified", "1024K", 1024, 8);   // line larger than 512
+    entry(0, 6, 2, "Unified", "2M", 64, 16);
+    cache_pair caches;
+    ASSERT_TRUE(read(0, &caches));
+    expect_desc(caches.l2, 2097152, 64, 16);
+    expect_desc(caches.l1_data, 49152, 64, 12);
+}
+
+TEST_F(sysfs_tree, only_impossible_entries_is_no_answer)
+{
+    entry(0, 0, 1, "Data", "0K", 64, 8);
+    entry(0, 2, 2, "Unified", "65540K", 64, 8);  // just above 64 MiB
+    entry(0, 3, 2, "Unified", "1024K", 8, 8);    // line below 16
+    cache_pair caches;
+    EXPECT_FALSE(read(0, &caches));
+    EXPECT_EQ(caches.l2.size, 0u);
+    EXPECT_EQ(caches.l1_data.size, 0u);
+}
+
+TEST_F(sysfs_tree, sharing_comes_from_the_chosen_l2_entry)
+{
+    write(entry(0, 2, 2, "Unified", "4096K", 64, 0) / "shared_cpu_list", "0-7");  // impossible: passed over
+    write(entry(0, 3, 2, "Unified", "2048K", 64, 16) / "shared_cpu_list", "4,0-1,3,2");
+    cache_pair caches;
+    ASSERT_TRUE(read(0, &caches));
+    EXPECT_EQ(caches.l2.size, 2097152u);
+    EXPECT_EQ(shared, "0-4");
+}
+
+TEST_F(sysfs_tree, missing_or_malformed_sharing_says_nothing)
+{
+    fs::path l2 = entry(0, 2, 2, "Unified", "1024K", 64, 8);
+    cache_pair caches;
+    ASSERT_TRUE(read(0, &caches));
+    EXPECT_EQ(shared, "");
+    write(l2 / "shared_cpu_list", "0-");
+    ASSERT_TRUE(read(0, &caches));
+    EXPECT_EQ(shared, "");
+}
+
+TEST(processor_list, kernel_texts_to_sets_and_back)
+{
+    std::vector<int> cpus;
+    ASSERT_TRUE(parse_cpu_list("0-3,8,10-11", &cpus));
+    EXPECT_EQ(cpus, (std::vector<int>{0, 1, 2, 3, 8, 10, 11}));
+    EXPECT_EQ(format_cpu_list(cpus), "0-3,8,10-11");
+    ASSERT_TRUE(parse_cpu_list("5", &cpus));
+    EXPECT_EQ(format_cpu_list(cpus), "5");
+    EXPECT_EQ(format_cpu_list({1, 0}), "0-1");  // two in a row are a range, as the kernel writes them
+    EXPECT_EQ(format_cpu_list({4, 0, 4}), "0,4");
+    EXPECT_EQ(format_cpu_list({}), "");
+    for (const char *text : {"", "-1", "0-", "1-0", "a", "0,,1", "0,", "0 1", "2000000"})
+        EXPECT_FALSE(parse_cpu_list(text, &cpus)) << '"' << text << '"';
 }
 
 TEST(cache_size_text, units_and_malformed_texts)

@@ -1,0 +1,75 @@
+/* The information library's calls beyond the cache record and the vendor:
+ * where each value of a processor's cache record came from, which
+ * processors share its second-level cache, and the machine's counters of
+ * corrected hardware errors. C linkage, usable from C and C++; every text
+ * returned stays valid to the end of the process.
+ */
+#ifndef TARNEL_DXTSYSINFO_EXT_H
+#define TARNEL_DXTSYSINFO_EXT_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Word 0 of every descriptor of the cache record: where the descriptor came
+ * from. An empty descriptor (size 0) has CACHE_SOURCE_NONE. */
+enum dxt_cache_source {
+    CACHE_SOURCE_NONE = 0,
+    CACHE_SOURCE_SYSFS = 1,            /* the kernel's cache directory of the processor */
+    CACHE_SOURCE_CPUID_4 = 2,          /* CPUID leaf 4 (Intel) on the processor */
+    CACHE_SOURCE_SYSCONF = 3,          /* the C library, machine-wide */
+    CACHE_SOURCE_CPUID_8000001D = 4,   /* CPUID leaf 0x8000001D (AMD topology extensions) */
+    CACHE_SOURCE_CPUID_80000005 = 5,   /* CPUID leaf 0x80000005 (older AMD, first level) */
+    CACHE_SOURCE_CPUID_80000006 = 6,   /* CPUID leaf 0x80000006 (older AMD, second level) */
+};
+
+/* The source of descriptor `descriptor` (0 to 4) of the processor's cache
+ * record as a short text: "sysfs", "CPUID leaf 4", "CPUID leaf 0x8000001D",
+ * "CPUID leaf 0x80000005", "CPUID leaf 0x80000006", "sysconf", or "none"
+ * (an empty descriptor, a descriptor number out of range, or a processor
+ * without a record). Builds the record if it was not asked for yet. */
+const char *dxt_tlib_get_cache_source(int cpu_id, int descriptor);
+
+/* The text of a source code of word 0; "none" for an unknown code. */
+const char *dxt_tlib_cache_source_text(uint32_t source);
+
+/* The processors that share this processor's second-level cache, itself
+ * included, as a processor list in the kernel's form ("0-1", "0,4", "2"
+ * for a cache of its own); "unknown" when neither the kernel's cache
+ * directory (shared_cpu_list) nor CPUID (sharing count of leaf 4 or
+ * 0x8000001D grouped by APIC id) can say. The sharing is that of the cache
+ * in descriptor 4: a processor whose descriptor 4 is empty gives
+ * "unknown". */
+const char *dxt_tlib_get_l2_shared_cpus(int cpu_id);
+
+/* The machine's counters of corrected hardware errors at one moment. A
+ * counter whose source is not available reads 0. */
+struct dxt_corrected_errors {
+    int edac_available;         /* 1: at least one memory controller's count was read */
+    uint64_t edac_corrected;    /* EDAC: ce_count + ce_noinfo_count, summed over mc* */
+    int mce_available;          /* 1: /proc/interrupts has its machine-check line */
+    uint64_t machine_checks;    /* the "MCE:" line, summed over processors */
+    uint64_t total;             /* edac_corrected + machine_checks */
+};
+
+/* Reads the counters under root_dir ("/" or NULL for this machine; a test
+ * passes a directory laid out the same way):
+ *   <root>/sys/devices/system/edac/mc/mc<N>/ce_count and ce_noinfo_count
+ *   <root>/proc/interrupts, line "MCE:" (machine-check exceptions; the
+ *   "MCP:" polls line is not an error count)
+ * A missing or malformed file is passed over. Returns 1 when at least one
+ * source was available, 0 when none was (snapshot then all zero). */
+int read_corrected_errors(const char *root_dir, struct dxt_corrected_errors *snapshot);
+
+/* How much the counters grew from `before` to `after`, counting only the
+ * sources available in both; a counter that went down (reset) adds 0. */
+uint64_t corrected_errors_increase(const struct dxt_corrected_errors *before,
+                                   const struct dxt_corrected_errors *after);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
