@@ -27,7 +27,13 @@ std::deque<long> lrand48_script;
 std::deque<double> drand48_script;
 int lrand48_count;
 int drand48_count;
-std::function<void(void *, size_t)> observer;
+// Made on first use: a constructor of another file (the fault planting of a
+// whole-run binary) may set it before this file's globals are initialised.
+std::function<void(void *, size_t)> &observer()
+{
+    static std::function<void(void *, size_t)> slot;
+    return slot;
+}
 std::vector<unsigned int> slept;
 
 template <typename F>
@@ -53,7 +59,7 @@ void reset_libc()
     drand48_script.clear();
     lrand48_count = 0;
     drand48_count = 0;
-    observer = nullptr;
+    observer() = nullptr;
     slept.clear();
 }
 
@@ -73,7 +79,7 @@ void script_lrand48(const std::vector<long> &draws) { lrand48_script.assign(draw
 void script_drand48(const std::vector<double> &draws) { drand48_script.assign(draws.begin(), draws.end()); }
 int lrand48_calls() { return lrand48_count; }
 int drand48_calls() { return drand48_count; }
-void on_memalign(std::function<void(void *, size_t)> callback) { observer = std::move(callback); }
+void on_memalign(std::function<void(void *, size_t)> callback) { observer() = std::move(callback); }
 std::vector<unsigned int> sleeps() { return slept; }
 
 }  // namespace fake
@@ -92,8 +98,8 @@ void *memalign(size_t alignment, size_t length)
     void *block = real(alignment, length);
     if (block != nullptr) {
         blocks.push_back({block, length});
-        if (observer)
-            observer(block, length);
+        if (observer())
+            observer()(block, length);
     }
     return block;
 }

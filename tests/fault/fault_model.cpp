@@ -1,5 +1,6 @@
 #include "fault_model.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -21,8 +22,9 @@ struct planted {
 };
 
 std::vector<planted> faults;
-size_t load_count;
-size_t store_count;
+// Atomic: in a whole run several workers access memory at once.
+std::atomic<size_t> load_count;
+std::atomic<size_t> store_count;
 
 bool in_word(uintptr_t byte, uintptr_t word) { return byte >= word && byte < word + 4; }
 
@@ -84,7 +86,7 @@ void coupling(void *aggressor, void *victim, int bit)
 
 void in_allocation(int nth, std::function<void(char *, size_t)> plant)
 {
-    auto seen = std::make_shared<int>(0);
+    auto seen = std::make_shared<std::atomic<int>>(0);
     fake::on_memalign([nth, seen, plant](void *block, size_t length) {
         if ((*seen)++ == nth)
             plant(static_cast<char *>(block), length);
