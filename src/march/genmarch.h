@@ -14,6 +14,17 @@ enum : uint32_t {
 extern const uint32_t gen_cache_patt[];
 extern const uint32_t cache_patt[];
 
+// What the block marches share: the region they touch is the first
+// 4 x (cache_size / 8) bytes of a cache-sized buffer (half the cache,
+// rounded down to whole words), the buffer takes up to sixteen memalign
+// attempts, and the lock texts are the same (each test has its own tag).
+enum : uint32_t {
+    MARCH_ALLOC_ATTEMPTS = 16,
+};
+inline uint32_t march_region_bytes(uint32_t cache_size) { return 4 * (cache_size / 8); }
+inline constexpr char MARCH_MLOCK_FAILED[] = "cache_miss mlock failed!!\n";
+inline constexpr char MARCH_MUNLOCK_FAILED[] = "cache_miss munlock failed!!\n";
+
 int cache_march_stress3(void *buffer, uint32_t cache_size, uint32_t iterations);
 int cache_march_stress4(void *buffer, uint32_t cache_size);
 int cache_interconnect_stress(void *buffer, uint32_t cache_size, uint32_t iterations);
