@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 """Runs one trace case under valgrind's lackey and compares the loads and
 stores that the program's code made inside the watched buffers, between the
-two marker reads, with the accesses the case expects: same order, same
-addresses, same widths, same kinds. An instruction that reads and writes
-memory (lackey's M) counts as a load followed by a store."""
+two marker reads, with the accesses the case expects (from a plain run of
+the same case): same order, same buffer and offset, same widths, same kinds.
+An instruction that reads and writes memory (lackey's M) counts as a load
+followed by a store."""
 import argparse
 import os
 import subprocess
@@ -28,6 +29,15 @@ def parse_expected(text):
         elif f[0] in ("L", "S"):
             expected.append((f[0], int(f[1], 16), int(f[2], 16)))
     return code, marker, buffers, expected
+
+
+def relative(accesses, buffers):
+    """(kind, buffer index, offset, size) of each access."""
+    out = []
+    for kind, address, size in accesses:
+        index = next((i for i, (lo, hi) in enumerate(buffers) if lo <= address < hi), None)
+        out.append((kind, index, address - buffers[index][0] if index is not None else address, size))
+    return out
 
 
 def parse_actual(log, code, marker, buffers):
@@ -61,6 +71,13 @@ def main():
     parser.add_argument("--case", required=True)
     args = parser.parse_args()
 
+    plain = subprocess.run([args.runner, "--expect", args.case], capture_output=True, text=True)
+    if plain.returncode != 0:
+        print(plain.stdout[-2000:], plain.stderr[-2000:])
+        print(f"{args.case}: the runner failed with status {plain.returncode}")
+        return 1
+    _, _, expected_buffers, expected = parse_expected(plain.stdout)
+
     with tempfile.TemporaryDirectory() as tmp:
         log = os.path.join(tmp, "lackey.log")
         run = subprocess.run(
@@ -71,18 +88,23 @@ def main():
             capture_output=True, text=True)
         if run.returncode != 0:
             print(run.stdout[-2000:], run.stderr[-2000:])
-            print(f"{args.case}: the runner failed with status {run.returncode}")
+            print(f"{args.case}: the traced runner failed with status {run.returncode}")
             return 1
-        code, marker, buffers, expected = parse_expected(run.stdout)
+        code, marker, buffers, _ = parse_expected(run.stdout)
         if code is None or marker is None or not buffers:
             print(f"{args.case}: the runner named no code range, marker or buffer")
             return 1
-        actual = parse_actual(log, code, marker, buffers)
+        if [hi - lo for lo, hi in buffers] != [hi - lo for lo, hi in expected_buffers]:
+            print(f"{args.case}: the two runs watched different buffers")
+            return 1
+        actual = relative(parse_actual(log, code, marker, buffers), buffers)
+    expected = relative(expected, expected_buffers)
+
+    def show(a):
+        return f"{a[0]} buffer {a[1]} +{a[2]:#x} width {a[3]}"
 
     for i, (want, got) in enumerate(zip(expected, actual)):
         if want != got:
-            base = buffers[0][0]
-            show = lambda a: f"{a[0]} +{a[1] - base:#x} width {a[2]}"
             print(f"{args.case}: access {i} differs: expected {show(want)}, traced {show(got)}")
             return 1
     if len(expected) != len(actual):
