@@ -25,6 +25,7 @@ std::vector<planted> faults;
 // Atomic: in a whole run several workers access memory at once.
 std::atomic<size_t> load_count;
 std::atomic<size_t> store_count;
+std::function<void(const void *, unsigned, bool)> watcher;
 
 bool in_word(uintptr_t byte, uintptr_t word) { return byte >= word && byte < word + 4; }
 
@@ -64,6 +65,7 @@ void reset()
     faults.clear();
     load_count = 0;
     store_count = 0;
+    watcher = nullptr;
     fake::on_memalign(nullptr);
 }
 
@@ -96,6 +98,8 @@ void in_allocation(int nth, std::function<void(char *, size_t)> plant)
 size_t loads() { return load_count; }
 size_t stores() { return store_count; }
 
+void on_access(std::function<void(const void *, unsigned, bool)> watch) { watcher = std::move(watch); }
+
 }  // namespace fault
 
 using namespace fault;
@@ -103,6 +107,8 @@ using namespace fault;
 uint64_t l2_fault_load(const void *addr, unsigned width)
 {
     load_count++;
+    if (watcher)
+        watcher(addr, width, false);
     uint64_t value = 0;
     for (unsigned i = 0; i < width; i++) {
         uintptr_t cell = physical(reinterpret_cast<uintptr_t>(addr) + i);
@@ -114,6 +120,8 @@ uint64_t l2_fault_load(const void *addr, unsigned width)
 void l2_fault_store(void *addr, unsigned width, uint64_t value)
 {
     store_count++;
+    if (watcher)
+        watcher(addr, width, true);
     std::vector<const planted *> disturbed;
     for (unsigned i = 0; i < width; i++) {
         uintptr_t cell = physical(reinterpret_cast<uintptr_t>(addr) + i);

@@ -27,6 +27,10 @@ void in_allocation(int nth, std::function<void(char *block, size_t length)> plan
 // Accesses made through the helpers since reset(), loads and stores.
 size_t loads();
 size_t stores();
+// Calls `watch` with the address (as the program named it, before any
+// alias), the width and the direction of every access from now on, until
+// reset(); for measuring which words a subtest touches.
+void on_access(std::function<void(const void *address, unsigned width, bool store)> watch);
 
 }  // namespace fault
 
