@@ -180,8 +180,12 @@ std::string format_cpu_list(std::vector<int> cpus)
         if (!text.empty())
             text += ",";
         text += std::to_string(cpus[i]);
-        if (end > i)
-            text += "-" + std::to_string(cpus[end]);
+        if (end > i) {
+            // Two appends: GCC 12 at -O3 warns falsely (-Wrestrict) on
+            // "-" + std::string.
+            text += '-';
+            text += std::to_string(cpus[end]);
+        }
         i = end + 1;
     }
     return text;
