@@ -1,7 +1,9 @@
 // The message catalogue: the text of every numbered message the test emits,
 // as a printf format taking exactly the arguments that come with its number,
-// and the exit status a message that ends the run gives the process.
+// the subtests those messages name, and the exit status a message that ends
+// the run gives the process.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "dxttest_internal.h"
@@ -71,7 +73,81 @@ void trim_end(char *text)
         text[--n] = '\0';
 }
 
+// The sequence a worker runs, in its order. Only the Cache Hit Stress test
+// treats a kernel's missing memory as a skip, so it alone never ends a
+// worker with 12; the Write/Read/Verify test ends the run itself (6000,
+// 4001) and so never ends a worker at all; tests that only make traffic
+// never end one with -1.
+constexpr subtest sequence[] = {
+    {"Write/Read/Verify", 0x8, MSG_WRRDVR_START, 0, false, false},
+    {"Cache Hit Stress", 0x10, 0, 0, true, false},
+    {"Cache Miss Stress", 0x20, 0, 0, false, true},
+    {"Random Swap", 0x40, MSG_SWAP_START, MSG_SWAP_END, false, true},
+    {"CPU-cache interconnect", 0x200, MSG_INTERCONNECT_START, MSG_INTERCONNECT_END, false, true},
+    {"30N March with variable stride length", 0x400, MSG_MARCH_VAR_START, MSG_MARCH_VAR_END, false, true},
+    {"30N March with line-length striding", 0x400, MSG_MARCH_LINE_START, MSG_MARCH_LINE_END, false, true},
+    {"March with row striding", 0x400, MSG_ROW_MARCH_START, MSG_ROW_MARCH_END, true, true},
+    {"March with column striding", 0x400, MSG_COL_MARCH_START, MSG_COL_MARCH_END, true, true},
+    {"Random Offset", 0x1000, 0, 0, true, true},
+};
+
+// What each bit of test_mask selects, for the usage.
+constexpr struct {
+    int32_t bit;
+    const char *what;
+} mask_bits[] = {
+    {0x8, "Write/Read/Verify"},
+    {0x10, "Cache Hit Stress"},
+    {0x20, "Cache Miss Stress"},
+    {0x40, "Random Swap"},
+    {0x200, "CPU-cache interconnect"},
+    {0x400, "the four marches (30N variable stride, 30N line-length, row, column)"},
+    {0x1000, "Random Offset"},
+};
+
 }  // namespace
+
+std::span<const subtest> subtests() { return sequence; }
+
+int subtest_started_by(int number)
+{
+    for (size_t i = 0; i < std::size(sequence); i++)
+        if (number != 0 && sequence[i].start_message == number)
+            return static_cast<int>(i);
+    return -1;
+}
+
+int subtest_ended_by(int number)
+{
+    for (size_t i = 0; i < std::size(sequence); i++)
+        if (number != 0 && sequence[i].end_message == number)
+            return static_cast<int>(i);
+    return -1;
+}
+
+int subtest_ending_with(int number)
+{
+    return number == MSG_MISCOMPARE || number == MSG_WRRDVR_NO_MEMORY ? 0 : -1;
+}
+
+int32_t selected_test_mask(std::string_view subopts)
+{
+    // The parser takes a digits-only value with atoi; an empty one keeps
+    // the default. Any other value was rejected, and the run never starts.
+    constexpr std::string_view keyword = "test_mask=";
+    int32_t mask = all_subtests;
+    while (!subopts.empty()) {
+        size_t comma = subopts.find(',');
+        std::string_view item = subopts.substr(0, comma);
+        subopts = comma == std::string_view::npos ? std::string_view() : subopts.substr(comma + 1);
+        if (!item.starts_with(keyword))
+            continue;
+        std::string value(item.substr(keyword.size()));
+        if (!value.empty() && value.find_first_not_of("0123456789") == std::string::npos)
+            mask = atoi(value.c_str());
+    }
+    return mask;
+}
 
 std::span<const catalogue_entry> catalogue() { return entries; }
 
@@ -95,8 +171,23 @@ std::string usage_details(const char *options_text)
         "\n      --json     one JSON object per line on standard output instead of text"
         "\n  -h, --help     show this usage and exit"
         "\n      --version  show the test's version and exit"
+        "\nsub-options:"
+        "\n  count=N        passes of every subtest, 1 to 1024 (default 8)"
+        "\n  test_mask=N    decimal sum of the subtests to run (default 1048575, all):";
+    for (const auto &bit : mask_bits) {
+        char line[128];
+        snprintf(line, sizeof line, "\n%17s%5d  %s", "", static_cast<int>(bit.bit), bit.what);
+        details += line;
+    }
+    details +=
+        "\n  dev=tarnel     the device; any other value is refused"
+        "\n  cpc=Enabled|Disabled"
+        "\n                 accepted; performance counters stay off"
+        "\n  tag=N, march_window=N, march_al=N, march_pats=N, l1cache_write_policy=N"
+        "\n                 accepted for compatibility; no subtest reads them"
         "\nexit status: 0 passed, 1 a fault was found, 2 usage error or rejected sub-options,"
-        "\n             3 the run could not test, 128+N interrupted by signal N";
+        "\n             3 the run could not test, 128+N interrupted by signal N"
+        "\nWith --json the last line is the verdict record; see tarneltest(1).";
     return details;
 }
 

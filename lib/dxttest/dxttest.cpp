@@ -1,7 +1,8 @@
 // This project's test harness: it takes the test's command line, hands the
 // -o text to the test's option parser, shows every message as one whole line
-// (text or JSON) on standard output, and ends the process with an exit status
-// that says what happened.
+// (text or JSON) on standard output, follows each worker thread's subtests,
+// and ends the process with a verdict and an exit status that say what
+// happened, where, and on which machine.
 //
 // Exit statuses
 //   0        passed: test_end was reached (the program then returns 0)
@@ -13,43 +14,60 @@
 //   3        the run could not test: 4001, 8012, 8014 and any other message
 //            with a non-zero exit flag
 //   128 + N  interrupted by signal N (SIGINT 130, SIGTERM 143, SIGHUP 129)
-// -h and --version exit 0. Every end but a command-line error and those two
-// prints a verdict line first: "PASS", "FAIL", "COULD NOT TEST" or
-// "INTERRUPTED", then the reason and the exit status.
+// -h and --version exit 0.
+//
+// The verdict closes every run (and, with --json, every usage error):
+//   Text:  SUMMARY lines (processors tested and left out, L2 geometry and its
+//          source, L2 sharing, each failure's processor and subtest, a
+//          warning when corrected hardware errors were counted during the
+//          run; with -q only failures and the warning), then
+//          2026-11-23T05:40:21Z VERDICT cpu0 PASS: tarneltest passed in 3.2 s
+//          with the word PASS, FAIL, COULD NOT TEST or INTERRUPTED.
+//   --json: the last line is the verdict record (verdict.h; the README and
+//          the man page give its keys).
 //
 // Output
 //   Text:  2026-11-23T05:40:18Z INFO cpu1 [l2cache] #3 Write/Read/Verify test started
 //          time (UTC), severity, processor of the calling thread, [tag] when
 //          there is one, #number (0 for a free text), text.
-//          2026-11-23T05:40:21Z VERDICT cpu0 PASS: tarneltest passed in 3.2 s
 //   --json: one object per line and nothing else on standard output.
 //          A message: time (string), level (number), severity (string),
 //          cpu (number, or null when unknown), tag (string or null),
 //          number (number), exit_flag (number), text (string).
-//          The verdict: time, verdict (string), exit_status (number),
-//          cpu (number or null), text (string).
 //   Severities: 1 FATAL, 2 FAULT, 3 ERROR, 6 USAGE, 7 INFO, 8 DEBUG, any
 //   other level LEVELn. Shown: levels up to 7 by default (-v), 1 to 3 with
 //   -q, level 8 and above only with -d; the usage (2005), messages that end
-//   the run and verdicts always.
+//   the run and verdicts always. With -d the harness adds, tagged
+//   "dxttest", each tested processor's L2 with the source of every value,
+//   and a note when no corrected-error counter can be read.
+//   With -q on a terminal (and never with --json), a live progress line
+//   (the current subtest, on how many processors it started and finished)
+//   is redrawn in place and cleared before any other line.
 //   Command-line errors go to standard error, followed by the usage.
 //
 // The option parser is called exactly once, with "" when no -o was given;
 // repeated -o texts are joined with commas.
+#include <pthread.h>
 #include <signal.h>
 #include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "dxttest_internal.h"
 #include "harness/testinfo.h"
+#include "platform_ext.h"
+#include "verdict.h"
 
 const char *test_name;
 const char *device_name;
@@ -63,6 +81,19 @@ int output_fd = STDOUT_FILENO;
 const char *options_text = "";
 timespec started;
 std::string subopts;  // the parser's text; it may keep pointers into it
+int32_t test_mask = dxt::all_subtests;
+
+// What test_init learned before the run; never freed, since workers may
+// still run while the process ends.
+const dxt::machine_description *machine = nullptr;
+dxt_corrected_errors errors_before;
+bool errors_before_ok = false;
+// The machine's name for the verdict record (fleets collect records from
+// many hosts); read once, since a signal handler cannot ask.
+char host_name[256];
+// Room for a verdict assembled in a signal handler, which cannot allocate.
+char *signal_storage = nullptr;
+size_t signal_capacity = 0;
 
 // Every line is written under this lock. Whoever ends the run takes it and
 // never gives it back, so no line follows a verdict.
@@ -70,7 +101,33 @@ std::mutex output_lock;
 // Set once by whoever ends the run (a message or a signal handler): the
 // first one wins, later ones print nothing.
 std::atomic<bool> ending{false};
+// test_end gave the pass verdict; guarded by output_lock.
+bool passed = false;
 static_assert(std::atomic<bool>::is_always_lock_free, "the signal handlers need a lock-free flag");
+
+// The subtest a worker thread announced last, found by its kernel id. Lock
+// free, so a signal handler can read it; a thread claims its entry with its
+// first start message.
+struct worker_progress {
+    std::atomic<int> tid{0};
+    std::atomic<int> last_started{-1};  // index into dxt::subtests()
+    std::atomic<bool> ended{false};     // its end message came
+};
+constexpr int max_workers = 4096;
+worker_progress workers[max_workers];
+std::atomic<int> workers_claimed{0};
+thread_local worker_progress *own_progress = nullptr;
+
+// The progress line: per subtest, on how many processors it started and
+// finished, and the subtest announced last.
+constexpr int max_subtests = 16;
+std::atomic<int> started_on[max_subtests];
+std::atomic<int> finished_on[max_subtests];
+std::atomic<int> current_subtest{-1};
+bool progress_on = false;                // -q, not --json, a terminal
+std::atomic<bool> progress_shown{false};  // a progress line is on the screen
+int terminal_columns = 80;
+constexpr std::string_view clear_line = "\r\033[K";
 
 void write_all(int fd, const char *data, size_t length)
 {
@@ -85,7 +142,7 @@ void write_all(int fd, const char *data, size_t length)
     }
 }
 
-void write_line(int fd, const dxt::line_buffer &line) { write_all(fd, line.data, line.length); }
+void write_text(int fd, const dxt::text_buffer &text) { write_all(fd, text.data, text.length); }
 
 long long now_seconds()
 {
@@ -94,24 +151,40 @@ long long now_seconds()
     return now.tv_sec;
 }
 
+long long elapsed_ms()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (now.tv_sec - started.tv_sec) * 1000LL + (now.tv_nsec - started.tv_nsec) / 1000000;
+}
+
 [[noreturn]] void hang()
 {
     for (;;)
         pause();
 }
 
+// Ends the process at once, whatever its other threads are doing (the
+// system call itself, so that a thread sanitizer's exit hook does not take
+// the workers still in the process for leaked threads). Async-signal-safe.
+[[noreturn]] void exit_now(int status)
+{
+    for (;;)
+        syscall(SYS_exit_group, status);
+}
+
 // Workers may still be running: no static destructor may run under them.
 [[noreturn]] void end_process(int status)
 {
     std::fflush(nullptr);
-    _exit(status);
+    exit_now(status);
 }
 
-std::string_view view(const dxt::line_buffer &b) { return {b.data, b.length}; }
+std::string_view view(const dxt::text_buffer &b) { return {b.data, b.length}; }
 
 const char *name_of_test() { return test_name != nullptr ? test_name : "the test"; }
 
-void put_status_reason(dxt::line_buffer &text, const char *reason, int status)
+void put_status_reason(dxt::text_buffer &text, const char *reason, int status)
 {
     dxt::put(text, reason);
     dxt::put(text, " (exit status ");
@@ -119,22 +192,173 @@ void put_status_reason(dxt::line_buffer &text, const char *reason, int status)
     dxt::put(text, ")");
 }
 
+// output_lock is held (or, in a signal handler, the run is ending).
+void clear_progress()
+{
+    if (progress_shown.exchange(false))
+        write_all(output_fd, clear_line.data(), clear_line.size());
+}
+
+// output_lock is held.
+void draw_progress()
+{
+    if (!progress_on || ending.load())
+        return;
+    dxt::line_buffer text;
+    int subtest = current_subtest.load();
+    int processors = machine != nullptr ? static_cast<int>(machine->tested.size()) : 0;
+    dxt::put_progress_text(text, subtest, subtest >= 0 ? started_on[subtest].load() : 0,
+                           subtest >= 0 ? finished_on[subtest].load() : 0, processors);
+    // One screen line, or the next \r would not reach its start.
+    size_t width = terminal_columns > 1 ? static_cast<size_t>(terminal_columns - 1) : 1;
+    if (text.length > width)
+        text.length = width;
+    write_all(output_fd, clear_line.data(), clear_line.size());
+    write_text(output_fd, text);
+    progress_shown = true;
+}
+
+worker_progress *progress_of(int tid)
+{
+    int claimed = std::min(workers_claimed.load(), max_workers);
+    for (int i = 0; i < claimed; i++)
+        if (workers[i].tid.load() == tid)
+            return &workers[i];
+    return nullptr;
+}
+
+// Follows the calling thread's start and end messages.
+void note_progress(int number)
+{
+    int begun = dxt::subtest_started_by(number);
+    int done = dxt::subtest_ended_by(number);
+    if (begun < 0 && done < 0)
+        return;
+    worker_progress *mine = own_progress;
+    if (mine == nullptr) {
+        int slot = workers_claimed.fetch_add(1);
+        if (slot >= max_workers)
+            return;
+        mine = &workers[slot];
+        mine->tid = static_cast<int>(gettid());
+        own_progress = mine;
+    }
+    int previous = mine->last_started.load();
+    if (begun >= 0) {
+        // A subtest without an end message ends where the next one begins.
+        if (previous >= 0 && !mine->ended.load())
+            finished_on[previous]++;
+        mine->last_started = begun;
+        mine->ended = false;
+        started_on[begun]++;
+        current_subtest = begun;
+    } else if (previous == done && !mine->ended.load()) {
+        mine->ended = true;
+        finished_on[done]++;
+    }
+    if (progress_on) {
+        std::lock_guard<std::mutex> hold(output_lock);
+        draw_progress();
+    }
+}
+
+// The subtests one of which a thread was in when it failed; none for the
+// main thread, which runs no subtest.
+dxt::subtest_set subtests_of(const worker_progress *p, bool main_thread, bool status_known, intptr_t status)
+{
+    if (p == nullptr)
+        return main_thread ? dxt::subtest_set{} : dxt::possible_subtests(test_mask, -1, false, status_known, status);
+    return dxt::possible_subtests(test_mask, p->last_started.load(), p->ended.load(), status_known, status);
+}
+
+// Where the calling thread failed: its binding and its subtest.
+dxt::failure_site own_failure(int number)
+{
+    dxt::failure_site site;
+    site.cpu = platform_bound_processor();
+    site.message = number;
+    int named = dxt::subtest_ending_with(number);
+    if (named >= 0) {
+        site.subtests.index[site.subtests.count++] = named;
+        return site;
+    }
+    site.subtests = subtests_of(own_progress, gettid() == getpid(), false, 0);
+    return site;
+}
+
+// The workers the platform saw end with a non-zero status, after the join
+// that found them (8011), each with its processor and subtest.
+std::vector<dxt::failure_site> failed_workers()
+{
+    std::vector<platform_thread> threads(static_cast<size_t>(platform_threads(nullptr, 0)));
+    threads.resize(static_cast<size_t>(platform_threads(threads.data(), static_cast<int>(threads.size()))));
+    std::vector<dxt::failure_site> sites;
+    for (const platform_thread &t : threads) {
+        if (!t.exited || t.status == 0)
+            continue;
+        dxt::failure_site site;
+        site.cpu = t.processor;
+        site.message = MSG_WORKERS_FAILED;
+        site.status_known = true;
+        site.status = t.status;
+        site.subtests = subtests_of(progress_of(t.tid), false, true, t.status);
+        sites.push_back(site);
+    }
+    if (sites.empty()) {
+        dxt::failure_site unknown;
+        unknown.message = MSG_WORKERS_FAILED;
+        sites.push_back(unknown);
+    }
+    return sites;
+}
+
+// The corrected-error counters now against those of test_init.
+dxt::corrected_check check_corrected_errors()
+{
+    if (machine == nullptr)
+        return {};
+    dxt_corrected_errors after;
+    bool after_ok = read_corrected_errors(nullptr, &after) != 0;
+    return dxt::compare_corrected_errors(errors_before_ok, errors_before, after_ok, after);
+}
+
+// The verdict in the run's form, after what goes before it.
+void put_verdict(dxt::text_buffer &out, const dxt::verdict_record &record)
+{
+    if (display.json)
+        dxt::put_verdict_record(out, record);
+    else
+        dxt::put_verdict_block(out, record, display.quiet);
+}
+
+// Writes the text as the run's last output and ends the process. After a
+// pass verdict the process is ending anyway: the verdict stands.
+[[noreturn]] void write_last(const dxt::text_buffer &text, int status)
+{
+    output_lock.lock();
+    if (passed)
+        end_process(dxt::exit_passed);
+    if (ending.exchange(true))
+        hang();
+    clear_progress();
+    write_text(output_fd, text);
+    end_process(status);
+}
+
 [[noreturn]] void end_run(const dxt::message_fields &m)
 {
     int status = dxt::exit_status_of(m.number, m.exit_flag);
-    dxt::line_buffer line;
-    dxt::put_message_line(line, m, display.json);
+    std::vector<dxt::failure_site> failures =
+        m.number == MSG_WORKERS_FAILED ? failed_workers() : std::vector<dxt::failure_site>{own_failure(m.number)};
     dxt::line_buffer reason;
     put_status_reason(reason, dxt::verdict_reason(status), status);
-    dxt::line_buffer verdict;
-    dxt::put_verdict_line(verdict, {m.time, m.cpu, dxt::verdict_word(status), status, view(reason)}, display.json);
-
-    output_lock.lock();
-    if (ending.exchange(true))
-        hang();
-    write_line(output_fd, line);
-    write_line(output_fd, verdict);
-    end_process(status);
+    dxt::verdict_record record{m.time, status, elapsed_ms(), view(reason), m.cpu,
+                               machine, failures, check_corrected_errors(), host_name};
+    std::vector<char> storage(dxt::line_capacity + dxt::verdict_room(record));
+    dxt::text_buffer out{storage.data(), storage.size()};
+    dxt::put_message_line(out, m, display.json);
+    put_verdict(out, record);
+    write_last(out, status);
 }
 
 void show_message(int exit_flag, int level, const char *tag, int number, std::string_view text)
@@ -145,8 +369,11 @@ void show_message(int exit_flag, int level, const char *tag, int number, std::st
     dxt::line_buffer line;
     dxt::put_message_line(line, m, display.json);
     std::lock_guard<std::mutex> hold(output_lock);
-    if (!ending.load())
-        write_line(output_fd, line);
+    if (ending.load())
+        return;
+    clear_progress();
+    write_text(output_fd, line);
+    draw_progress();
 }
 
 void show_usage(int (*usage)(void))
@@ -161,8 +388,20 @@ void show_usage(int (*usage)(void))
 {
     std::string text = std::string(program) + ": " + what + "\n";
     write_all(STDERR_FILENO, text.data(), text.size());
+    int out_fd = output_fd;
     output_fd = STDERR_FILENO;
     show_usage(usage);
+    if (display.json) {
+        // Nothing was tested: the record says only what was wrong.
+        dxt::line_buffer reason;
+        put_status_reason(reason, what.c_str(), dxt::exit_usage);
+        dxt::verdict_record record{now_seconds(), dxt::exit_usage, elapsed_ms(), view(reason), sched_getcpu(),
+                                   nullptr, {}, {}, host_name};
+        std::vector<char> storage(dxt::verdict_room(record));
+        dxt::text_buffer out{storage.data(), storage.size()};
+        dxt::put_verdict_record(out, record);
+        write_text(out_fd, out);
+    }
     end_process(dxt::exit_usage);
 }
 
@@ -181,7 +420,37 @@ void show_version()
         dxt::put(line, dxt_test_version);
         dxt::put(line, "\n");
     }
-    write_line(STDOUT_FILENO, line);
+    write_text(STDOUT_FILENO, line);
+}
+
+void show_debug(std::string_view text)
+{
+    if (display.debug)
+        show_message(DXT_RETURN, LVL_DEBUG, "dxttest", MSG_FREE_TEXT, text);
+}
+
+// What the verdict needs of the machine, read once the run is sure to start.
+void prepare_run()
+{
+    machine = new dxt::machine_description(dxt::describe_machine());
+    errors_before_ok = read_corrected_errors(nullptr, &errors_before) != 0;
+    for (const dxt::l2_geometry &g : machine->l2) {
+        dxt::line_buffer text;
+        dxt::put_geometry_text(text, g);
+        show_debug(view(text));
+    }
+    if (const char *note = dxt::corrected_errors_note(errors_before_ok))
+        show_debug(note);
+
+    dxt::failure_site one;
+    dxt::verdict_record largest{0, 0, 0, {}, 0, machine, {&one, 1}, {}, host_name};
+    signal_capacity = dxt::line_capacity + dxt::verdict_room(largest);
+    signal_storage = new char[signal_capacity];
+
+    progress_on = display.quiet && !display.json && isatty(output_fd) == 1;
+    winsize size;
+    if (progress_on && ioctl(output_fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
+        terminal_columns = size.ws_col;
 }
 
 const char *signal_name(int sig)
@@ -198,20 +467,65 @@ const char *signal_name(int sig)
     }
 }
 
-// Signal handlers: async-signal-safe only (the line helpers, write, _exit).
+sigset_t interrupt_signals()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
+    return set;
+}
+
+void put_interrupt_reason(dxt::text_buffer &reason, int sig)
+{
+    dxt::put(reason, "interrupted by ");
+    dxt::put(reason, signal_name(sig));
+    put_status_reason(reason, "", dxt::exit_signal_base + sig);
+}
+
+// The interrupts arrive here, on a thread of their own, so the verdict can
+// read the corrected-error counters like any other.
+void *wait_for_interrupts(void *)
+{
+    sigset_t set = interrupt_signals();
+    int sig = 0;
+    while (sigwait(&set, &sig) != 0) {
+    }
+    int status = dxt::exit_signal_base + sig;
+    dxt::line_buffer reason;
+    put_interrupt_reason(reason, sig);
+    dxt::verdict_record record{now_seconds(), status, elapsed_ms(), view(reason), sched_getcpu(),
+                               machine, {}, check_corrected_errors(), host_name};
+    std::vector<char> storage(dxt::verdict_room(record));
+    dxt::text_buffer out{storage.data(), storage.size()};
+    put_verdict(out, record);
+    write_last(out, status);
+}
+
+// Signal handlers: async-signal-safe only (the assembly helpers, write,
+// exit_now), so their verdict does not read the corrected-error counters.
+dxt::text_buffer signal_buffer(dxt::line_buffer &fallback)
+{
+    if (signal_storage != nullptr)
+        return {signal_storage, signal_capacity, 0};
+    return {fallback.data, fallback.capacity, 0};
+}
+
+// Only where the interrupt thread could not be started.
 void on_interrupt(int sig, siginfo_t *, void *)
 {
     if (ending.exchange(true))
         return;  // the run is ending already
     int status = dxt::exit_signal_base + sig;
     dxt::line_buffer reason;
-    dxt::put(reason, "interrupted by ");
-    dxt::put(reason, signal_name(sig));
-    put_status_reason(reason, "", status);
-    dxt::line_buffer line;
-    dxt::put_verdict_line(line, {now_seconds(), sched_getcpu(), "INTERRUPTED", status, view(reason)}, display.json);
-    write_line(output_fd, line);
-    _exit(status);
+    put_interrupt_reason(reason, sig);
+    dxt::line_buffer fallback;
+    dxt::text_buffer out = signal_buffer(fallback);
+    put_verdict(out, {now_seconds(), status, elapsed_ms(), view(reason), sched_getcpu(), machine, {}, {}, host_name});
+    clear_progress();
+    write_text(output_fd, out);
+    exit_now(status);
 }
 
 // Linux delivers an uncorrectable memory error that a thread consumed as
@@ -231,18 +545,23 @@ void on_bus_error(int, siginfo_t *info, void *)
     dxt::put(text, " at address ");
     dxt::put_hex(text, reinterpret_cast<uintptr_t>(info->si_addr));
     long long time = now_seconds();
-    dxt::line_buffer line;
-    dxt::put_message_line(line, {time, LVL_FATAL, cpu, nullptr, MSG_FREE_TEXT, DXT_FATAL, view(text)}, display.json);
-    write_line(output_fd, line);
 
+    dxt::failure_site site;
+    site.cpu = cpu;
+    site.subtests = subtests_of(own_progress, gettid() == getpid(), false, 0);
+    site.address_known = true;
+    site.address = reinterpret_cast<uintptr_t>(info->si_addr);
     dxt::line_buffer reason;
     put_status_reason(reason, dxt::verdict_reason(dxt::exit_fault_found), dxt::exit_fault_found);
-    line.length = 0;
-    dxt::put_verdict_line(line, {time, cpu, dxt::verdict_word(dxt::exit_fault_found), dxt::exit_fault_found,
-                                 view(reason)},
-                          display.json);
-    write_line(output_fd, line);
-    _exit(dxt::exit_fault_found);
+
+    dxt::line_buffer fallback;
+    dxt::text_buffer out = signal_buffer(fallback);
+    dxt::put_message_line(out, {time, LVL_FATAL, cpu, nullptr, MSG_FREE_TEXT, DXT_FATAL, view(text)}, display.json);
+    put_verdict(out,
+                {time, dxt::exit_fault_found, elapsed_ms(), view(reason), cpu, machine, {&site, 1}, {}, host_name});
+    clear_progress();
+    write_text(output_fd, out);
+    exit_now(dxt::exit_fault_found);
 }
 
 void install(int sig, void (*handler)(int, siginfo_t *, void *))
@@ -270,6 +589,8 @@ extern "C" {
 int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), const char *options)
 {
     clock_gettime(CLOCK_MONOTONIC, &started);
+    if (gethostname(host_name, sizeof host_name - 1) != 0)
+        host_name[0] = '\0';
     options_text = options != nullptr ? options : "";
     const char *program = test_name;
     if (program == nullptr) {
@@ -298,14 +619,26 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
         if (parser(subopts.data()) == 0)
             refuse(program, "the sub-options \"" + line.subopts + "\" were not all accepted", usage);
     }
+    test_mask = dxt::selected_test_mask(line.subopts);
+    prepare_run();
     return 0;
 }
 
 void dxt_test_async_handler(int)
 {
-    install(SIGINT, on_interrupt);
-    install(SIGTERM, on_interrupt);
-    install(SIGHUP, on_interrupt);
+    // Blocked here, before the workers exist, so that every thread
+    // inherits the mask and only the waiting thread takes them.
+    sigset_t set = interrupt_signals();
+    pthread_t waiter;
+    if (pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0 &&
+        pthread_create(&waiter, nullptr, wait_for_interrupts, nullptr) == 0) {
+        pthread_detach(waiter);
+    } else {
+        pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+        install(SIGINT, on_interrupt);
+        install(SIGTERM, on_interrupt);
+        install(SIGHUP, on_interrupt);
+    }
     install(SIGBUS, on_bus_error);
 }
 
@@ -315,6 +648,7 @@ void trace_after(int) { trace("leaving "); }
 
 int dxt_message(int exit_flag, int level, const char *tag, int number, ...)
 {
+    note_progress(number);
     if (exit_flag == 0 && !dxt::level_shown(display, level, number))
         return 0;
     char text[dxt::text_capacity];
@@ -328,20 +662,22 @@ int dxt_message(int exit_flag, int level, const char *tag, int number, ...)
 
 int test_end(void)
 {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    long long elapsed_ms = (now.tv_sec - started.tv_sec) * 1000LL + (now.tv_nsec - started.tv_nsec) / 1000000;
     dxt::line_buffer reason;
     dxt::put(reason, name_of_test());
     dxt::put(reason, " passed in ");
-    dxt::put_elapsed(reason, elapsed_ms);
-    dxt::line_buffer line;
-    dxt::put_verdict_line(line, {now_seconds(), sched_getcpu(), dxt::verdict_word(dxt::exit_passed),
-                                 dxt::exit_passed, view(reason)},
-                          display.json);
+    long long elapsed = elapsed_ms();
+    dxt::put_elapsed(reason, elapsed);
+    dxt::verdict_record record{now_seconds(), dxt::exit_passed, elapsed, view(reason), sched_getcpu(),
+                               machine, {}, check_corrected_errors(), host_name};
+    std::vector<char> storage(dxt::verdict_room(record));
+    dxt::text_buffer out{storage.data(), storage.size()};
+    put_verdict(out, record);
     std::lock_guard<std::mutex> hold(output_lock);
-    if (!ending.load())
-        write_line(output_fd, line);
+    if (ending.load())
+        return 0;
+    clear_progress();
+    write_text(output_fd, out);
+    passed = true;
     return 0;
 }
 

@@ -1,12 +1,14 @@
 // The harness's pure pieces, shared by its source files and open to its unit
-// tests: the message catalogue, the assembly of one output line (text or
-// JSON), which levels a run shows, the exit status of an ending message, and
-// the command line. Nothing here writes, exits or keeps state of its own.
+// tests: the message catalogue and the subtests its messages name, the
+// assembly of one output line (text or JSON), which levels a run shows, the
+// exit status of an ending message, and the command line. Nothing here
+// writes, exits or keeps state of its own.
 #ifndef TARNEL_DXTTEST_INTERNAL_H
 #define TARNEL_DXTTEST_INTERNAL_H
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <span>
 #include <string>
 #include <string_view>
@@ -34,25 +36,37 @@ bool level_shown(display_mode mode, int level, int number);
 // The word shown for a level, or nullptr for a level with no word.
 const char *severity_word(int level);
 
-// One output line, assembled in place before it is written with one call.
-// Fixed storage, so the signal handlers can build their lines with it too;
-// a text too long for it is cut and marked "[cut]", never the line's end.
+// Output assembled in place before it is written with one call, in storage
+// the caller provides, so the signal handlers can build their lines with the
+// same code; a text too long for it is cut and marked "[cut]", never the
+// line's end.
 enum {
     line_capacity = 8192,
     text_capacity = 4096,  // a message's formatted text, before escaping
 };
-struct line_buffer {
-    char data[line_capacity];
+struct text_buffer {
+    char *data;
+    size_t capacity;
     size_t length = 0;
+};
+// One line in storage of its own.
+struct line_buffer : text_buffer {
+    char storage[line_capacity];
+    line_buffer() : text_buffer{storage, line_capacity, 0} {}
+    line_buffer(const line_buffer &) = delete;
+    line_buffer &operator=(const line_buffer &) = delete;
 };
 
 // Async-signal-safe: no allocation, no locale, no stdio.
-void put(line_buffer &line, std::string_view s);
-void put_int(line_buffer &line, long long value);
-void put_hex(line_buffer &line, unsigned long long value);  // 0x..., lower case
-void put_utc_time(line_buffer &line, long long seconds_since_epoch);  // 2026-11-23T05:40:18Z
-void put_json_string(line_buffer &line, std::string_view text);      // quoted, escaped
-void put_elapsed(line_buffer &line, long long milliseconds);         // "3.2 s"
+void put(text_buffer &line, std::string_view s);
+void put_int(text_buffer &line, long long value);
+void put_hex(text_buffer &line, unsigned long long value);  // 0x..., lower case
+void put_utc_time(text_buffer &line, long long seconds_since_epoch);  // 2026-11-23T05:40:18Z
+void put_json_string(text_buffer &line, std::string_view text);      // quoted, escaped
+void put_elapsed(text_buffer &line, long long milliseconds);         // "3.2 s"
+void put_seconds(text_buffer &line, long long milliseconds);         // "3.250", a JSON number
+// Processor ids in ascending order as the kernel writes a list: "0-3,5".
+void put_cpu_list(text_buffer &line, std::span<const int> ids);
 
 struct message_fields {
     long long time;      // seconds since the epoch
@@ -63,8 +77,9 @@ struct message_fields {
     int exit_flag;
     std::string_view text;
 };
-void put_message_line(line_buffer &line, const message_fields &m, bool json);
+void put_message_line(text_buffer &line, const message_fields &m, bool json);
 
+// The closing line of a text run (the JSON form is the verdict record).
 struct verdict_fields {
     long long time;
     int cpu;
@@ -72,7 +87,7 @@ struct verdict_fields {
     int exit_status;
     std::string_view text;
 };
-void put_verdict_line(line_buffer &line, const verdict_fields &v, bool json);
+void put_verdict_line(text_buffer &line, const verdict_fields &v);
 
 // The catalogue: one printf format per number, consuming exactly the
 // arguments the program passes with that number.
@@ -90,6 +105,27 @@ const char *catalogue_format(int number);  // nullptr when unknown
 // the option list, built from the test's options text, appended.
 void format_message_text(char *text, size_t size, int number, const char *options_text, va_list args);
 std::string usage_details(const char *options_text);
+
+// The subtests a worker runs, in their order, with the messages that start
+// and end each (0: none) and the statuses it can end a worker with.
+struct subtest {
+    const char *name;
+    int32_t mask_bit;    // its bit of test_mask
+    int start_message;
+    int end_message;
+    bool compares;       // may end a worker with the miscompare status -1
+    bool allocates;      // may end a worker with the no-memory status 12
+};
+std::span<const subtest> subtests();
+int subtest_started_by(int number);  // its index, or -1
+int subtest_ended_by(int number);    // its index, or -1
+// The subtest named by a message that ends the run from a worker (the
+// Write/Read/Verify test's miscompare and allocation failure), or -1.
+int subtest_ending_with(int number);
+// The test_mask the test's parser takes from an accepted sub-option text:
+// the last test_mask item with a value, else all subtests.
+int32_t selected_test_mask(std::string_view subopts);
+constexpr int32_t all_subtests = 0xFFFFF;
 
 // The exit status a message with a non-zero exit flag ends the run with, and
 // the verdict word and sentence for an exit status.

@@ -16,13 +16,13 @@ namespace {
 constexpr size_t closing_room = 32;
 constexpr std::string_view cut_mark = "[cut]";
 
-void put_char(line_buffer &line, char c)
+void put_char(text_buffer &line, char c)
 {
-    if (line.length < line_capacity)
+    if (line.length < line.capacity)
         line.data[line.length++] = c;
 }
 
-void put_padded(line_buffer &line, long long value, int digits)
+void put_padded(text_buffer &line, long long value, int digits)
 {
     char reversed[24];
     int n = 0;
@@ -36,9 +36,9 @@ void put_padded(line_buffer &line, long long value, int digits)
         put_char(line, reversed[--n]);
 }
 
-bool text_room_left(const line_buffer &line, size_t needed)
+bool text_room_left(const text_buffer &line, size_t needed)
 {
-    return line.length + needed + cut_mark.size() + closing_room <= line_capacity;
+    return line.length + needed + cut_mark.size() + closing_room <= line.capacity;
 }
 
 // Length of the well-formed UTF-8 sequence at s[i], or 0 when it is not one.
@@ -75,7 +75,7 @@ size_t utf8_sequence(std::string_view s, size_t i)
     return length;
 }
 
-void put_cpu(line_buffer &line, int cpu, bool json)
+void put_cpu(text_buffer &line, int cpu, bool json)
 {
     if (cpu >= 0)
         put_int(line, cpu);
@@ -117,13 +117,13 @@ const char *severity_word(int level)
     }
 }
 
-void put(line_buffer &line, std::string_view s)
+void put(text_buffer &line, std::string_view s)
 {
     for (char c : s)
         put_char(line, c);
 }
 
-void put_int(line_buffer &line, long long value)
+void put_int(text_buffer &line, long long value)
 {
     if (value < 0) {
         put_char(line, '-');
@@ -142,7 +142,7 @@ void put_int(line_buffer &line, long long value)
     put_padded(line, value, 1);
 }
 
-void put_hex(line_buffer &line, unsigned long long value)
+void put_hex(text_buffer &line, unsigned long long value)
 {
     put(line, "0x");
     char reversed[16];
@@ -155,7 +155,7 @@ void put_hex(line_buffer &line, unsigned long long value)
         put_char(line, reversed[--n]);
 }
 
-void put_utc_time(line_buffer &line, long long t)
+void put_utc_time(text_buffer &line, long long t)
 {
     // Civil date from days since 1970-01-01 in the proleptic Gregorian
     // calendar (eras of 400 years), since gmtime_r is not safe in a handler.
@@ -189,7 +189,7 @@ void put_utc_time(line_buffer &line, long long t)
     put_char(line, 'Z');
 }
 
-void put_json_string(line_buffer &line, std::string_view text)
+void put_json_string(text_buffer &line, std::string_view text)
 {
     put_char(line, '"');
     for (size_t i = 0; i < text.size();) {
@@ -231,7 +231,7 @@ void put_json_string(line_buffer &line, std::string_view text)
     put_char(line, '"');
 }
 
-void put_elapsed(line_buffer &line, long long milliseconds)
+void put_elapsed(text_buffer &line, long long milliseconds)
 {
     long long tenths = (milliseconds + 50) / 100;
     put_int(line, tenths / 10);
@@ -240,7 +240,33 @@ void put_elapsed(line_buffer &line, long long milliseconds)
     put(line, " s");
 }
 
-void put_message_line(line_buffer &line, const message_fields &m, bool json)
+void put_seconds(text_buffer &line, long long milliseconds)
+{
+    if (milliseconds < 0)
+        milliseconds = 0;
+    put_int(line, milliseconds / 1000);
+    put_char(line, '.');
+    put_padded(line, milliseconds % 1000, 3);
+}
+
+void put_cpu_list(text_buffer &line, std::span<const int> ids)
+{
+    for (size_t i = 0; i < ids.size();) {
+        size_t last = i;
+        while (last + 1 < ids.size() && ids[last + 1] == ids[last] + 1)
+            last++;
+        if (i > 0)
+            put_char(line, ',');
+        put_int(line, ids[i]);
+        if (last > i) {
+            put_char(line, '-');
+            put_int(line, ids[last]);
+        }
+        i = last + 1;
+    }
+}
+
+void put_message_line(text_buffer &line, const message_fields &m, bool json)
 {
     const char *word = severity_word(m.level);
     if (json) {
@@ -298,29 +324,15 @@ void put_message_line(line_buffer &line, const message_fields &m, bool json)
     if (text_room_left(line, m.text.size())) {
         put(line, m.text);
     } else {
-        size_t room = line_capacity - line.length - cut_mark.size() - closing_room;
+        size_t room = line.capacity - line.length - cut_mark.size() - closing_room;
         put(line, m.text.substr(0, room));
         put(line, cut_mark);
     }
     put_char(line, '\n');
 }
 
-void put_verdict_line(line_buffer &line, const verdict_fields &v, bool json)
+void put_verdict_line(text_buffer &line, const verdict_fields &v)
 {
-    if (json) {
-        put(line, "{\"time\":\"");
-        put_utc_time(line, v.time);
-        put(line, "\",\"verdict\":");
-        put_json_string(line, v.verdict);
-        put(line, ",\"exit_status\":");
-        put_int(line, v.exit_status);
-        put(line, ",\"cpu\":");
-        put_cpu(line, v.cpu, true);
-        put(line, ",\"text\":");
-        put_json_string(line, v.text);
-        put(line, "}\n");
-        return;
-    }
     put_utc_time(line, v.time);
     put(line, " VERDICT cpu");
     put_cpu(line, v.cpu, false);

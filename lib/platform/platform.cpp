@@ -2,7 +2,9 @@
 // the program when the kernel lists it online and the process may run on it,
 // so `taskset -c 1 tarneltest` tests processor 1 alone. Every Linux thread
 // is scheduled by the kernel on its own, which is what a bound thread is;
-// thread ids are small numbers mapped to pthread handles.
+// thread ids are small numbers mapped to pthread handles. The platform
+// remembers every thread it started (platform_ext.h) so that the harness can
+// learn where a failed worker ran.
 #include "platform.h"
 
 #include <pthread.h>
@@ -15,8 +17,10 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "cpu_list.h"
+#include "platform_ext.h"
 
 namespace {
 
@@ -101,6 +105,50 @@ std::map<unsigned int, pthread_t> &threads()
 {
     static auto *by_id = new std::map<unsigned int, pthread_t>;
     return *by_id;
+}
+
+// Every thread started, in order, kept after its join. Guarded by
+// threads_lock; never freed, like threads().
+std::vector<platform_thread> &started_threads()
+{
+    static auto *started = new std::vector<platform_thread>;
+    return *started;
+}
+
+// The calling thread's entry in started_threads() (its position plus one;
+// 0 for a thread thr_create did not start) and its binding.
+thread_local size_t own_entry = 0;
+thread_local int own_binding = NOT_BOUND;
+
+// thr_create's start routine and argument, handed to the new thread.
+struct launch {
+    void *(*start)(void *);
+    void *arg;
+    size_t entry;
+};
+
+void record_exit(void *status)
+{
+    if (own_entry == 0)
+        return;
+    std::lock_guard<std::mutex> hold(threads_lock);
+    platform_thread &self = started_threads()[own_entry - 1];
+    self.exited = 1;
+    self.status = reinterpret_cast<intptr_t>(status);
+}
+
+void *run_thread(void *argument)
+{
+    launch start = *static_cast<launch *>(argument);
+    delete static_cast<launch *>(argument);
+    own_entry = start.entry;
+    {
+        std::lock_guard<std::mutex> hold(threads_lock);
+        started_threads()[own_entry - 1].tid = static_cast<int>(gettid());
+    }
+    void *status = start.start(start.arg);
+    record_exit(status);
+    return status;
 }
 
 unsigned int new_thread_id()
@@ -197,6 +245,11 @@ int processor_bind(int idtype, int id, int processor_id, int *old_binding)
     }
     if (old_binding != nullptr)
         *old_binding = previous;
+    own_binding = processor_id;
+    if (own_entry != 0) {
+        std::lock_guard<std::mutex> hold(threads_lock);
+        started_threads()[own_entry - 1].processor = processor_id;
+    }
     return 0;
 }
 
@@ -216,13 +269,20 @@ int thr_create(void *stack_base, size_t stack_size, void *(*start)(void *), void
         error = pthread_attr_setstacksize(&attributes, stack_size);
     if (error == 0) {
         std::lock_guard<std::mutex> hold(threads_lock);
+        unsigned int thread_id = new_thread_id();
+        // The entry exists before the thread runs; the thread waits for
+        // this lock before it fills in its kernel id.
+        started_threads().push_back({thread_id, 0, NOT_BOUND, 0, 0});
+        auto *handed = new launch{start, arg, started_threads().size()};
         pthread_t thread;
-        error = pthread_create(&thread, &attributes, start, arg);
+        error = pthread_create(&thread, &attributes, run_thread, handed);
         if (error == 0) {
-            unsigned int thread_id = new_thread_id();
             threads()[thread_id] = thread;
             if (new_thread != nullptr)
                 *new_thread = thread_id;
+        } else {
+            delete handed;
+            started_threads().pop_back();
         }
     }
     pthread_attr_destroy(&attributes);
@@ -255,5 +315,46 @@ int thr_join(unsigned int thread, unsigned int *departed, void **status)
 
 void thr_exit(void *status)
 {
+    record_exit(status);
     pthread_exit(status);
+}
+
+int platform_present_processors(platform_processor *out, int capacity)
+{
+    // Without the kernel's lists, every processor the C library counts.
+    std::set<int> present;
+    if (!read_cpu_list(std::string(PLATFORM_CPU_DIR) + "/present", &present) &&
+        !read_cpu_list(std::string(PLATFORM_CPU_DIR) + "/possible", &present))
+        for (long id = 0; id < sysconf(_SC_NPROCESSORS_CONF) && id < MAX_PROCESSOR_ID; id++)
+            present.insert(int(id));
+    std::set<int> online;
+    bool online_listed = read_cpu_list(std::string(PLATFORM_CPU_DIR) + "/online", &online);
+    processor_mask allowed;
+    if (!get_mask(true, &allowed))
+        return -1;
+    int count = 0;
+    for (int id : present) {
+        if (count < capacity) {
+            bool may_run = id < allowed.processors && CPU_ISSET_S(id, allowed.size, allowed.set);
+            // Without the kernel's online list, the allowed ones are online.
+            out[count] = {id, online_listed ? int(online.count(id)) : int(may_run), int(may_run)};
+        }
+        count++;
+    }
+    CPU_FREE(allowed.set);
+    return count;
+}
+
+int platform_threads(platform_thread *out, int capacity)
+{
+    std::lock_guard<std::mutex> hold(threads_lock);
+    const std::vector<platform_thread> &started = started_threads();
+    for (size_t i = 0; i < started.size() && i < size_t(capacity); i++)
+        out[i] = started[i];
+    return static_cast<int>(started.size());
+}
+
+int platform_bound_processor(void)
+{
+    return own_binding;
 }

@@ -164,6 +164,48 @@ TEST(Catalogue, UsageNamesTheTestItsOptionsAndTheHarnessOptions)
     for (const char *option : {"-o SUBOPTIONS", "-v, --verbose", "-q, --quiet", "-d, --debug", "--json", "-h, --help",
                                "--version", "exit status"})
         EXPECT_NE(usage.find(option), std::string::npos) << option;
+    // A person reads the usage first: it lists the sub-options and every bit
+    // of test_mask with its subtest.
+    for (const char *item : {"count=N", "test_mask=N", "dev=tarnel", "cpc=Enabled|Disabled", "march_window=N"})
+        EXPECT_NE(usage.find(item), std::string::npos) << item;
+    for (const char *bit : {"8  Write/Read/Verify", "16  Cache Hit Stress", "32  Cache Miss Stress", "64  Random Swap",
+                            "512  CPU-cache interconnect", "1024  the four marches", "4096  Random Offset"})
+        EXPECT_NE(usage.find(bit), std::string::npos) << bit;
+    EXPECT_LT(usage.size(), static_cast<size_t>(dxt::text_capacity) - 1) << "the usage was cut";
+}
+
+TEST(Subtests, StartAndEndMessagesNameTheirSubtest)
+{
+    auto name_started_by = [](int number) {
+        int i = dxt::subtest_started_by(number);
+        return i < 0 ? std::string("none") : std::string(dxt::subtests()[static_cast<size_t>(i)].name);
+    };
+    EXPECT_EQ(name_started_by(MSG_WRRDVR_START), "Write/Read/Verify");
+    EXPECT_EQ(name_started_by(MSG_SWAP_START), "Random Swap");
+    EXPECT_EQ(name_started_by(MSG_ROW_MARCH_START), "March with row striding");
+    EXPECT_EQ(name_started_by(MSG_COL_MARCH_START), "March with column striding");
+    EXPECT_EQ(name_started_by(MSG_MARCH_LINE_START), "30N March with line-length striding");
+    EXPECT_EQ(name_started_by(MSG_MARCH_VAR_START), "30N March with variable stride length");
+    EXPECT_EQ(name_started_by(MSG_INTERCONNECT_START), "CPU-cache interconnect");
+    for (int number : {MSG_FREE_TEXT, MSG_RUN_START, MSG_RUN_END, MSG_SWAP_END, MSG_MISCOMPARE})
+        EXPECT_EQ(name_started_by(number), "none") << number;
+    EXPECT_EQ(dxt::subtest_ended_by(MSG_SWAP_END), dxt::subtest_started_by(MSG_SWAP_START));
+    EXPECT_EQ(dxt::subtest_ended_by(MSG_INTERCONNECT_END), dxt::subtest_started_by(MSG_INTERCONNECT_START));
+    EXPECT_EQ(dxt::subtest_ended_by(MSG_WRRDVR_START), -1);
+    EXPECT_EQ(dxt::subtest_ending_with(MSG_MISCOMPARE), dxt::subtest_started_by(MSG_WRRDVR_START));
+    EXPECT_EQ(dxt::subtest_ending_with(MSG_WRRDVR_NO_MEMORY), dxt::subtest_started_by(MSG_WRRDVR_START));
+    EXPECT_EQ(dxt::subtest_ending_with(MSG_UNKNOWN_VENDOR), -1);
+}
+
+TEST(Subtests, TestMaskAsTheParserTakesIt)
+{
+    EXPECT_EQ(dxt::selected_test_mask(""), dxt::all_subtests);
+    EXPECT_EQ(dxt::selected_test_mask("count=1"), dxt::all_subtests);
+    EXPECT_EQ(dxt::selected_test_mask("count=1,test_mask=16"), 16);
+    EXPECT_EQ(dxt::selected_test_mask("test_mask=16,count=2,test_mask=8"), 8);  // the last one counts
+    EXPECT_EQ(dxt::selected_test_mask("test_mask=16,test_mask="), 16);         // an empty value keeps it
+    EXPECT_EQ(dxt::selected_test_mask("test_mask=0"), 0);
+    EXPECT_EQ(dxt::selected_test_mask("xtest_mask=8"), dxt::all_subtests);
 }
 
 TEST(ExitStatus, EachEndingMessageMapsToItsStatus)

@@ -1,6 +1,7 @@
 // A strict reader of one JSON object per line, enough for the tests to check
 // that a line the harness writes is valid JSON (RFC 8259 grammar, escapes
-// decoded) and to look at its members. Nested values are checked, not kept.
+// decoded) and to look at its members. A nested object or array is kept as
+// its JSON text, for parse_object_line and parse_array to read further.
 #ifndef TARNEL_TESTS_JSON_CHECK_H
 #define TARNEL_TESTS_JSON_CHECK_H
 
@@ -9,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace json_check {
 
@@ -16,7 +18,7 @@ enum class kind { string, number, literal, object, array };
 
 struct member {
     kind type;
-    std::string text;  // the decoded string, or the number or literal as written
+    std::string text;  // the decoded string; the number, literal, object or array as written
 };
 using object = std::map<std::string, member>;
 
@@ -167,22 +169,22 @@ struct reader {
             out.type = kind::string;
             return string(out.text);
         }
+        size_t start = at;
         if (c == '{') {
             out.type = kind::object;
             object ignored;
-            return members(ignored, depth + 1);
+            if (!members(ignored, depth + 1))
+                return false;
+            out.text = std::string(in.substr(start, at - start));
+            return true;
         }
         if (c == '[') {
             out.type = kind::array;
-            at++;
-            if (eat(']'))
-                return true;
-            do {
-                member element;
-                if (!value(element, depth + 1))
-                    return false;
-            } while (eat(','));
-            return eat(']');
+            std::vector<member> ignored;
+            if (!elements(ignored, depth + 1))
+                return false;
+            out.text = std::string(in.substr(start, at - start));
+            return true;
         }
         for (std::string_view word : {"true", "false", "null"}) {
             if (in.substr(at, word.size()) == word) {
@@ -194,6 +196,20 @@ struct reader {
         }
         out.type = kind::number;
         return number(out.text);
+    }
+    bool elements(std::vector<member> &out, int depth)
+    {
+        if (!eat('['))
+            return false;
+        if (eat(']'))
+            return true;
+        do {
+            member element;
+            if (!value(element, depth))
+                return false;
+            out.push_back(element);
+        } while (eat(','));
+        return eat(']');
     }
     bool members(object &out, int depth)
     {
@@ -217,8 +233,21 @@ struct reader {
 
 }  // namespace detail
 
+// The elements of a text that holds exactly one JSON array.
+inline std::optional<std::vector<member>> parse_array(std::string_view text)
+{
+    detail::reader r{text};
+    std::vector<member> result;
+    if (!r.elements(result, 0))
+        return std::nullopt;
+    r.skip_space();
+    if (r.at != text.size())
+        return std::nullopt;
+    return result;
+}
+
 // The members of a line that holds exactly one JSON object, or nothing when
-// the line is not that.
+// the line is not that. Also reads a nested object's text.
 inline std::optional<object> parse_object_line(std::string_view line)
 {
     detail::reader r{line};

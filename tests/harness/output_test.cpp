@@ -5,6 +5,7 @@
 
 #include <climits>
 #include <string>
+#include <vector>
 
 #include "dxttest_internal.h"
 #include "harness/testinfo.h"
@@ -131,16 +132,31 @@ TEST(MessageLine, JsonFormHasEveryKey)
     EXPECT_EQ(parsed->at("exit_flag").text, "1");
 }
 
-TEST(VerdictLine, TextAndJsonForms)
+TEST(VerdictLine, TextForm)
 {
     dxt::line_buffer line;
-    dxt::put_verdict_line(line, {1795412418, 0, "FAIL", 1, "a fault was found (exit status 1)"}, false);
+    dxt::put_verdict_line(line, {1795412418, 0, "FAIL", 1, "a fault was found (exit status 1)"});
     EXPECT_EQ(str(line), "2026-11-23T05:40:18Z VERDICT cpu0 FAIL: a fault was found (exit status 1)\n");
+}
 
-    line.length = 0;
-    dxt::put_verdict_line(line, {1795412418, 1, "COULD NOT TEST", 3, "why"}, true);
-    EXPECT_EQ(str(line), "{\"time\":\"2026-11-23T05:40:18Z\",\"verdict\":\"COULD NOT TEST\",\"exit_status\":3,"
-                         "\"cpu\":1,\"text\":\"why\"}\n");
+TEST(LineNumbers, SecondsAndProcessorLists)
+{
+    EXPECT_EQ(built([](auto &l) { dxt::put_seconds(l, 2013); }), "2.013");
+    EXPECT_EQ(built([](auto &l) { dxt::put_seconds(l, 40); }), "0.040");
+    EXPECT_EQ(built([](auto &l) { dxt::put_seconds(l, -5); }), "0.000");
+    auto list = [](std::vector<int> ids) { return built([&](auto &l) { dxt::put_cpu_list(l, ids); }); };
+    EXPECT_EQ(list({}), "");
+    EXPECT_EQ(list({2}), "2");
+    EXPECT_EQ(list({0, 1}), "0-1");
+    EXPECT_EQ(list({0, 1, 2, 3, 5, 7, 8}), "0-3,5,7-8");
+}
+
+TEST(LineBuffer, TextBufferOfAnySizeStopsAtItsCapacity)
+{
+    char storage[8];
+    dxt::text_buffer small{storage, sizeof storage};
+    dxt::put(small, "0123456789");
+    EXPECT_EQ(std::string(small.data, small.length), "01234567");
 }
 
 TEST(LevelFilter, EachModeShowsItsLevels)

@@ -1,15 +1,17 @@
 // The harness as a process sees it: each case runs in a child process (the
 // harness exits, installs signal handlers and keeps run-wide state), with
-// its standard output and error caught in files, and looks at the exit
-// status and the lines written.
+// its standard output and error caught in files (or a terminal), and looks
+// at the exit status and the lines written.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <functional>
 #include <latch>
@@ -21,6 +23,7 @@
 
 #include "harness/testinfo.h"
 #include "json_check.h"
+#include "platform.h"
 
 const char dxt_test_version[] = "9.9 2026/01/02 (harness test)";
 
@@ -227,10 +230,17 @@ TEST_F(HarnessProcess, AnEndingMessageEndsWithItsStatusAndAVerdict)
         });
         EXPECT_EQ(r.status, c.status) << c.number;
         std::vector<std::string> lines = r.lines();
-        ASSERT_EQ(lines.size(), 2u) << r.out;
+        ASSERT_EQ(lines.size(), 3u) << r.out;
         EXPECT_NE(lines[0].find("#" + std::to_string(c.number) + " "), std::string::npos) << lines[0];
-        EXPECT_NE(lines[1].find(" VERDICT "), std::string::npos) << lines[1];
-        EXPECT_NE(lines[1].find(c.verdict), std::string::npos) << lines[1];
+        // The main thread is bound to no processor and runs no subtest; the
+        // Write/Read/Verify test's own messages name it anyway.
+        EXPECT_NE(lines[1].find(" SUMMARY failure on an unknown processor: "), std::string::npos) << lines[1];
+        bool named = c.number == MSG_MISCOMPARE || c.number == MSG_WRRDVR_NO_MEMORY;
+        EXPECT_NE(lines[1].find(named ? ": Write/Read/Verify (message " : ": subtest unknown (message "),
+                  std::string::npos)
+            << lines[1];
+        EXPECT_NE(lines[2].find(" VERDICT "), std::string::npos) << lines[2];
+        EXPECT_NE(lines[2].find(c.verdict), std::string::npos) << lines[2];
     }
 }
 
@@ -250,8 +260,9 @@ TEST_F(HarnessProcess, SystemCallFailureInJson)
     EXPECT_EQ(message->at("number").text, "8012");
     EXPECT_EQ(message->at("exit_flag").text, "-1");
     EXPECT_NE(message->at("text").text.find("sysconf"), std::string::npos);
-    EXPECT_EQ(verdict->at("verdict").text, "COULD NOT TEST");
+    EXPECT_EQ(verdict->at("verdict").text, "could-not-test");
     EXPECT_EQ(verdict->at("exit_status").text, "3");
+    EXPECT_EQ(verdict->at("schema_version").text, "1");
 }
 
 TEST_F(HarnessProcess, ConcurrentEndsGiveOneVerdict)
@@ -367,8 +378,9 @@ TEST_F(HarnessProcess, TestEndGivesAPassVerdictAndReturnsZero)
     });
     auto verdict = json_check::parse_object_line(r.lines().back());
     ASSERT_TRUE(verdict.has_value()) << r.out;
-    EXPECT_EQ(verdict->at("verdict").text, "PASS");
+    EXPECT_EQ(verdict->at("verdict").text, "pass");
     EXPECT_EQ(verdict->at("exit_status").text, "0");
+    EXPECT_EQ(verdict->at("failures").text, "[]");
 }
 
 TEST_F(HarnessProcess, TracingOnlyAtDebugLevel)
@@ -383,7 +395,7 @@ TEST_F(HarnessProcess, TracingOnlyAtDebugLevel)
         });
     };
     outcome debug = traced({"-d"});
-    EXPECT_EQ(debug.count(" DEBUG cpu"), 2) << debug.out;
+    EXPECT_EQ(debug.count(" DEBUG cpu"), debug.count(" [dxttest] ") + 2) << debug.out;
     EXPECT_EQ(debug.count("entering clean_up"), 1);
     EXPECT_EQ(debug.count("leaving clean_up"), 1);
     EXPECT_EQ(traced({}).count("clean_up"), 0);
@@ -395,7 +407,11 @@ TEST_F(HarnessProcess, InterruptsEndWith128PlusTheSignal)
         outcome r = in_child([sig] {
             start({});
             dxt_test_async_handler(0);
-            raise(sig);
+            // As a scheduler or a terminal sends it: to the process. The
+            // verdict is written by the harness's own thread.
+            kill(getpid(), sig);
+            for (;;)
+                pause();
             return returned;
         });
         EXPECT_EQ(r.status, 128 + sig);
@@ -434,13 +450,15 @@ TEST_F(HarnessProcess, BusErrorIsAHardwareFaultWithProcessorAndAddress)
     std::string address = contents(address_file);
     ASSERT_EQ(r.status, 1) << r.out;
     std::vector<std::string> lines = r.lines();
-    ASSERT_EQ(lines.size(), 3u) << r.out;
+    ASSERT_GE(lines.size(), 4u) << r.out;
     EXPECT_TRUE(std::regex_search(lines[1], std::regex(" FATAL cpu[0-9]+ #0 hardware fault: bus error \\(SIGBUS\\) on "
                                                        "cpu[0-9]+ at address 0x[0-9a-f]+$")))
         << lines[1];
     EXPECT_TRUE(lines[1].ends_with(" at address " + address)) << lines[1] << " vs " << address;
-    EXPECT_NE(lines[2].find("VERDICT cpu"), std::string::npos);
-    EXPECT_NE(lines[2].find("FAIL: a fault was found (exit status 1)"), std::string::npos);
+    EXPECT_EQ(r.count(" SUMMARY failure on cpu"), 1) << r.out;
+    EXPECT_NE(r.out.find("(signal, address " + address + ")"), std::string::npos) << r.out;
+    EXPECT_NE(lines.back().find("VERDICT cpu"), std::string::npos);
+    EXPECT_NE(lines.back().find("FAIL: a fault was found (exit status 1)"), std::string::npos);
 }
 
 TEST_F(HarnessProcess, UnknownNumberDoesNotCrash)
@@ -452,6 +470,224 @@ TEST_F(HarnessProcess, UnknownNumberDoesNotCrash)
     });
     EXPECT_EQ(r.status, returned);
     EXPECT_EQ(r.count("#9999 unknown message number 9999"), 1) << r.out;
+}
+
+// Workers as the program makes them: threads of the platform, each bound to
+// a processor, announcing their subtests and ending with a status.
+struct worker_script {
+    int cpu;
+    int start_message;  // 0: none
+    intptr_t status;
+};
+
+void *scripted_worker(void *argument)
+{
+    const worker_script *script = static_cast<const worker_script *>(argument);
+    processor_bind(P_LWPID, P_MYID, script->cpu, nullptr);
+    if (script->start_message != 0)
+        dxt_message(DXT_RETURN, LVL_INFO, nullptr, script->start_message);
+    thr_exit(reinterpret_cast<void *>(script->status));
+    return nullptr;
+}
+
+int first_allowed_processor()
+{
+    cpu_set_t allowed;
+    sched_getaffinity(0, sizeof allowed, &allowed);
+    for (int cpu = 0; cpu < CPU_SETSIZE; cpu++)
+        if (CPU_ISSET(cpu, &allowed))
+            return cpu;
+    return 0;
+}
+
+std::vector<json_check::object> failures_in(const std::string &record_line)
+{
+    std::vector<json_check::object> result;
+    auto record = json_check::parse_object_line(record_line);
+    if (!record)
+        return result;
+    for (const json_check::member &m : json_check::parse_array(record->at("failures").text).value_or(
+             std::vector<json_check::member>{}))
+        result.push_back(json_check::parse_object_line(m.text).value_or(json_check::object{}));
+    return result;
+}
+
+TEST_F(HarnessProcess, FailedWorkersFoundAtTheJoinAreNamedWithProcessorAndSubtest)
+{
+    int cpu = first_allowed_processor();
+    outcome r = in_child([cpu] {
+        start({"--json", "-o", "count=1,test_mask=80"});  // Cache Hit and Random Swap
+        worker_script scripts[] = {{cpu, MSG_SWAP_START, 12}, {cpu, MSG_WRRDVR_START, 0}, {cpu, 0, -1}};
+        unsigned int threads[3];
+        for (int i = 0; i < 3; i++)
+            if (thr_create(nullptr, 0, scripted_worker, &scripts[i], THR_BOUND, &threads[i]) != 0)
+                return 99;
+        for (unsigned int thread : threads)
+            thr_join(thread, nullptr, nullptr);
+        dxt_message(DXT_FATAL, LVL_FATAL, nullptr, MSG_WORKERS_FAILED);
+        return returned;
+    });
+    EXPECT_EQ(r.status, 1) << r.out;
+    std::vector<json_check::object> failures = failures_in(r.lines().back());
+    ASSERT_EQ(failures.size(), 2u) << r.out;
+    EXPECT_EQ(failures[0].at("cpu").text, std::to_string(cpu));
+    EXPECT_EQ(failures[0].at("message").text, "8011");
+    EXPECT_EQ(failures[0].at("worker_status").text, "12");
+    EXPECT_EQ(failures[0].at("subtest").text, "Random Swap");
+    // Announced nothing: the only selected subtest without a start message.
+    EXPECT_EQ(failures[1].at("cpu").text, std::to_string(cpu));
+    EXPECT_EQ(failures[1].at("worker_status").text, "-1");
+    EXPECT_EQ(failures[1].at("subtest").text, "Cache Hit Stress");
+}
+
+void *miscomparing_worker(void *argument)
+{
+    processor_bind(P_LWPID, P_MYID, *static_cast<int *>(argument), nullptr);
+    dxt_message(DXT_RETURN, LVL_INFO, nullptr, MSG_WRRDVR_START);
+    dxt_message(DXT_STEP_FAIL, LVL_TEST_ERROR, nullptr, MSG_MISCOMPARE);
+    return nullptr;
+}
+
+TEST_F(HarnessProcess, AMiscompareInAWorkerNamesItsProcessor)
+{
+    int cpu = first_allowed_processor();
+    for (bool json : {true, false}) {
+        outcome r = in_child([cpu, json] {
+            start({json ? "--json" : "-q"});
+            unsigned int thread = 0;
+            int bound_to = cpu;
+            thr_create(nullptr, 0, miscomparing_worker, &bound_to, THR_BOUND, &thread);
+            thr_join(thread, nullptr, nullptr);
+            return returned;
+        });
+        EXPECT_EQ(r.status, 1) << r.out;
+        if (json) {
+            std::vector<json_check::object> failures = failures_in(r.lines().back());
+            ASSERT_EQ(failures.size(), 1u) << r.out;
+            EXPECT_EQ(failures[0].at("cpu").text, std::to_string(cpu));
+            EXPECT_EQ(failures[0].at("message").text, "6000");
+            EXPECT_EQ(failures[0].at("subtest").text, "Write/Read/Verify");
+        } else {
+            EXPECT_EQ(r.count(" SUMMARY failure on cpu" + std::to_string(cpu) + ": Write/Read/Verify (message 6000)"),
+                      1)
+                << r.out;
+        }
+    }
+}
+
+TEST_F(HarnessProcess, DebugShowsEachProcessorsGeometryWithItsSources)
+{
+    outcome r = in_child([] {
+        start({"-d", "--json"});
+        return returned;
+    });
+    cpu_set_t allowed;
+    sched_getaffinity(0, sizeof allowed, &allowed);
+    int geometry_lines = 0;
+    for (const std::string &line : r.lines()) {
+        auto m = json_check::parse_object_line(line);
+        ASSERT_TRUE(m.has_value()) << line;
+        if (m->at("tag").text != "dxttest" || !m->at("text").text.starts_with("L2 of cpu"))
+            continue;
+        geometry_lines++;
+        EXPECT_EQ(m->at("level").text, "8");
+        // Every value with its source: "1048576 bytes (sysfs), 64-byte lines (sysfs), 16 ways (sysfs), ".
+        const std::string &text = m->at("text").text;
+        for (const char *value : {" bytes (", "-byte lines (", " ways ("})
+            EXPECT_NE(text.find(value), std::string::npos) << value << " in " << text;
+        EXPECT_EQ(std::count(text.begin(), text.end(), ')'), 3) << text;
+    }
+    EXPECT_EQ(geometry_lines, CPU_COUNT(&allowed)) << r.out;
+    EXPECT_EQ(in_child([] {
+                  start({});
+                  return returned;
+              }).count("L2 of cpu"),
+              0);
+}
+
+// Runs body in a child whose standard output is a terminal; returns what the
+// terminal showed.
+outcome in_terminal(const std::function<int()> &body)
+{
+    int master = -1, slave = -1;
+    outcome result;
+    winsize size{24, 80, 0, 0};
+    if (openpty(&master, &slave, nullptr, nullptr, &size) != 0)
+        return result;
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        alarm(30);
+        close(master);
+        dup2(slave, STDOUT_FILENO);
+        close(slave);
+        int status = body();
+        fflush(nullptr);
+        _exit(status);
+    }
+    close(slave);
+    char buffer[4096];
+    ssize_t n;
+    // EIO once the child's side is closed.
+    while ((n = read(master, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR))
+        if (n > 0)
+            result.out.append(buffer, static_cast<size_t>(n));
+    close(master);
+    int wstatus = 0;
+    waitpid(pid, &wstatus, 0);
+    result.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+    return result;
+}
+
+void *announcing_worker(void *)
+{
+    dxt_message(DXT_RETURN, LVL_INFO, nullptr, MSG_SWAP_START);
+    dxt_message(DXT_RETURN, LVL_INFO, nullptr, MSG_SWAP_END);
+    return nullptr;
+}
+
+int announce_then_pass(const char *mode)
+{
+    start({mode});
+    unsigned int thread = 0;
+    thr_create(nullptr, 0, announcing_worker, nullptr, THR_BOUND, &thread);
+    thr_join(thread, nullptr, nullptr);
+    dxt_message(DXT_RETURN, LVL_STEP_ERROR, nullptr, MSG_FREE_TEXT, "a real line");
+    return returned + test_end();
+}
+
+TEST_F(HarnessProcess, ProgressOnATerminalWhenQuiet)
+{
+    outcome r = in_terminal([] { return announce_then_pass("-q"); });
+    EXPECT_EQ(r.status, returned);
+    const std::string clear = "\r\033[K";
+    EXPECT_NE(r.out.find(clear + "Random Swap: 1/"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find(" cpus started, 1/"), std::string::npos) << r.out;
+    // Cleared before every real line, so no line starts in the middle of it.
+    size_t real_line = r.out.find(" ERROR cpu");
+    ASSERT_NE(real_line, std::string::npos) << r.out;
+    size_t line_start = r.out.rfind('\n', real_line);
+    size_t last_clear = r.out.rfind(clear, real_line);
+    EXPECT_TRUE(last_clear != std::string::npos && (line_start == std::string::npos || last_clear > line_start))
+        << r.out;
+    // Cleared at the end: the verdict is the last thing shown, whole.
+    size_t verdict = r.out.rfind(" VERDICT ");
+    ASSERT_NE(verdict, std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find(clear, verdict), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.rfind('\r', verdict), r.out.rfind(clear, verdict)) << r.out;
+}
+
+TEST_F(HarnessProcess, NoProgressUnlessQuietOnATerminal)
+{
+    outcome json = in_terminal([] { return announce_then_pass("--json"); });
+    outcome normal = in_terminal([] { return announce_then_pass("-v"); });
+    outcome file = in_child([] { return announce_then_pass("-q"); });
+    for (const outcome *r : {&json, &normal, &file}) {
+        EXPECT_EQ(r->status, returned);
+        EXPECT_EQ(r->out.find("\033[K"), std::string::npos) << r->out;
+        EXPECT_EQ(r->out.find("cpus started"), std::string::npos) << r->out;
+    }
+    EXPECT_NE(normal.out.find(" #6 "), std::string::npos) << normal.out;
 }
 
 }  // namespace

@@ -1,0 +1,540 @@
+// Assembly of the verdict: the JSON record and the text block that close a
+// run, the geometry and progress texts, which subtest a failed worker was
+// in, and what the corrected-error counters say. No allocation anywhere in
+// the assembly (a signal handler uses it).
+#include "verdict.h"
+
+#include <cstring>
+
+#include "harness/testinfo.h"
+
+namespace dxt {
+
+namespace {
+
+// The worker's geometry when its processor's record offers none.
+constexpr uint32_t default_l2_size = 2 * 1024 * 1024;
+constexpr uint32_t default_line_size = 64;
+constexpr uint32_t default_ways = 4;
+constexpr const char *defaults_source = "defaults";
+
+// The statuses a subtest ends a worker with.
+constexpr intptr_t miscompare_status = -1;
+constexpr intptr_t no_memory_status = 12;
+
+const uint32_t *descriptor(const uint32_t *record, int index)
+{
+    return record + CACHEINFO_FIRST_WORD + CACHEINFO_DESC_WORDS * index;
+}
+
+// Writes ascending processor ids as a kernel list, one id at a time.
+struct list_writer {
+    text_buffer &out;
+    int first = -1;
+    int last = -1;
+    bool any = false;
+
+    void add(int id)
+    {
+        if (first >= 0 && id == last + 1) {
+            last = id;
+            return;
+        }
+        flush();
+        first = last = id;
+    }
+    void flush()
+    {
+        if (first < 0)
+            return;
+        if (any)
+            put(out, ",");
+        put_int(out, first);
+        if (last > first) {
+            put(out, "-");
+            put_int(out, last);
+        }
+        any = true;
+        first = -1;
+    }
+};
+
+bool same_text(const char *a, const char *b) { return strcmp(a, b) == 0; }
+
+bool same_geometry(const l2_geometry &a, const l2_geometry &b)
+{
+    return a.size == b.size && a.line == b.line && a.ways == b.ways && same_text(a.size_source, b.size_source) &&
+           same_text(a.line_source, b.line_source) && same_text(a.ways_source, b.ways_source);
+}
+
+bool one_source(const l2_geometry &g)
+{
+    return same_text(g.size_source, g.line_source) && same_text(g.size_source, g.ways_source);
+}
+
+// A list of more than one processor ("0-1", "0,4"), as opposed to "2" or
+// "unknown".
+bool names_several(const char *list) { return strpbrk(list, ",-") != nullptr; }
+
+void put_json_int_member(text_buffer &out, const char *key, long long value)
+{
+    put(out, ",\"");
+    put(out, key);
+    put(out, "\":");
+    put_int(out, value);
+}
+
+void put_json_text_member(text_buffer &out, const char *key, std::string_view value)
+{
+    put(out, ",\"");
+    put(out, key);
+    put(out, "\":");
+    put_json_string(out, value);
+}
+
+void put_subtest_names(text_buffer &out, const subtest_set &set, const char *separator)
+{
+    for (int i = 0; i < set.count; i++) {
+        if (i > 0)
+            put(out, separator);
+        put(out, subtests()[static_cast<size_t>(set.index[i])].name);
+    }
+}
+
+void put_failure_json(text_buffer &out, const failure_site &f)
+{
+    put(out, "{\"cpu\":");
+    if (f.cpu >= 0)
+        put_int(out, f.cpu);
+    else
+        put(out, "null");
+    put_json_int_member(out, "message", f.message);
+    put(out, ",\"worker_status\":");
+    if (f.status_known)
+        put_int(out, f.status);
+    else
+        put(out, "null");
+    put(out, ",\"subtest\":");
+    if (f.subtests.count == 1)
+        put_json_string(out, subtests()[static_cast<size_t>(f.subtests.index[0])].name);
+    else
+        put(out, "null");
+    put(out, ",\"possible_subtests\":[");
+    for (int i = 0; i < f.subtests.count; i++) {
+        if (i > 0)
+            put(out, ",");
+        put_json_string(out, subtests()[static_cast<size_t>(f.subtests.index[i])].name);
+    }
+    put(out, "],\"address\":");
+    if (f.address_known) {
+        put(out, "\"");
+        put_hex(out, f.address);
+        put(out, "\"");
+    } else {
+        put(out, "null");
+    }
+    put(out, "}");
+}
+
+void put_corrected_warning(text_buffer &out, const corrected_check &c)
+{
+    put_int(out, static_cast<long long>(c.increase));
+    put(out, c.increase == 1 ? " corrected hardware error" : " corrected hardware errors");
+    put(out, " counted during the run (");
+    put(out, c.sources);
+    put(out, "); they do not fail the run, but the hardware is correcting errors");
+}
+
+bool warns(const corrected_check &c) { return c.available && c.increase > 0; }
+
+void start_summary_line(text_buffer &out, long long time)
+{
+    put_utc_time(out, time);
+    put(out, " SUMMARY ");
+}
+
+void put_processor_lines(text_buffer &out, const verdict_record &r)
+{
+    const machine_description &m = *r.machine;
+    start_summary_line(out, r.time);
+    put(out, "processors tested: ");
+    if (m.tested.empty())
+        put(out, "none");
+    put_cpu_list(out, m.tested);
+    put(out, "; left out: ");
+    if (m.left_out.empty())
+        put(out, "none");
+    bool first_group = true;
+    for (bool online : {false, true}) {
+        list_writer ids{out};
+        for (const left_out_processor &p : m.left_out) {
+            if (p.online != online)
+                continue;
+            if (ids.first < 0 && !ids.any && !first_group)
+                put(out, ", ");
+            first_group = false;
+            ids.add(p.cpu);
+        }
+        ids.flush();
+        if (ids.any)
+            put(out, online ? " (outside the allowed CPU set)" : " (offline)");
+    }
+    put(out, "\n");
+
+    // One line per distinct geometry, naming its processors.
+    for (size_t i = 0; i < m.l2.size(); i++) {
+        bool seen = false;
+        for (size_t j = 0; j < i && !seen; j++)
+            seen = same_geometry(m.l2[j], m.l2[i]);
+        if (seen)
+            continue;
+        const l2_geometry &g = m.l2[i];
+        start_summary_line(out, r.time);
+        put(out, "L2 of cpu ");
+        list_writer ids{out};
+        for (size_t k = i; k < m.l2.size(); k++)
+            if (same_geometry(m.l2[k], g))
+                ids.add(m.l2[k].cpu);
+        ids.flush();
+        put(out, ": ");
+        put_int(out, g.size);
+        put(out, " bytes, ");
+        put_int(out, g.line);
+        put(out, "-byte lines, ");
+        put_int(out, g.ways);
+        put(out, " ways, from ");
+        if (one_source(g)) {
+            put(out, g.size_source);
+        } else {
+            put(out, "size: ");
+            put(out, g.size_source);
+            put(out, ", line: ");
+            put(out, g.line_source);
+            put(out, ", ways: ");
+            put(out, g.ways_source);
+        }
+        put(out, "\n");
+    }
+
+    if (m.l2.empty())
+        return;
+    start_summary_line(out, r.time);
+    bool shared = false;
+    bool unknown = false;
+    for (size_t i = 0; i < m.l2.size(); i++) {
+        unknown = unknown || same_text(m.l2[i].shared_cpus, "unknown");
+        if (!names_several(m.l2[i].shared_cpus))
+            continue;
+        bool seen = false;
+        for (size_t j = 0; j < i && !seen; j++)
+            seen = same_text(m.l2[j].shared_cpus, m.l2[i].shared_cpus);
+        if (seen)
+            continue;
+        put(out, shared ? "; " : "L2 shared by cpus ");
+        put(out, m.l2[i].shared_cpus);
+        shared = true;
+    }
+    if (!shared)
+        put(out, unknown ? "L2 sharing unknown" : "each tested processor has an L2 of its own");
+    else if (unknown)
+        put(out, "; sharing unknown for some processors");
+    put(out, "\n");
+}
+
+void put_failure_line(text_buffer &out, long long time, const failure_site &f)
+{
+    start_summary_line(out, time);
+    put(out, "failure on ");
+    if (f.cpu >= 0) {
+        put(out, "cpu");
+        put_int(out, f.cpu);
+    } else {
+        put(out, "an unknown processor");
+    }
+    put(out, ": ");
+    if (f.subtests.count == 0)
+        put(out, "subtest unknown");
+    else
+        put_subtest_names(out, f.subtests, " or ");
+    put(out, " (");
+    if (f.message != 0) {
+        put(out, "message ");
+        put_int(out, f.message);
+    } else {
+        put(out, "signal");
+    }
+    if (f.status_known) {
+        put(out, ", worker exit status ");
+        put_int(out, f.status);
+    }
+    if (f.address_known) {
+        put(out, ", address ");
+        put_hex(out, f.address);
+    }
+    put(out, ")\n");
+}
+
+}  // namespace
+
+l2_geometry choose_l2(int cpu, int result, const uint32_t *record, const char *source_of_4,
+                      const char *source_of_2, const char *shared_cpus)
+{
+    l2_geometry g{cpu,          default_l2_size, default_line_size, default_ways,
+                  defaults_source, defaults_source, defaults_source,  shared_cpus};
+    if (result != 0 || record == nullptr)
+        return g;
+    const uint32_t *desc = descriptor(record, 4);
+    const char *source = source_of_4;
+    if (desc[CACHEINFO_SIZE] == 0) {
+        desc = descriptor(record, 2);
+        source = source_of_2;
+    }
+    if (desc[CACHEINFO_SIZE] == 0)
+        return g;
+    g.size = desc[CACHEINFO_SIZE];
+    g.size_source = source;
+    if (desc[CACHEINFO_LINE] != 0) {
+        g.line = desc[CACHEINFO_LINE];
+        g.line_source = source;
+    }
+    if (desc[CACHEINFO_WAYS] != 0) {
+        g.ways = desc[CACHEINFO_WAYS];
+        g.ways_source = source;
+    }
+    return g;
+}
+
+subtest_set possible_subtests(int32_t mask, int last_started, bool last_ended, bool status_known, intptr_t status)
+{
+    std::span<const subtest> sequence = subtests();
+    subtest_set after;
+    if (last_started >= 0 && sequence[static_cast<size_t>(last_started)].end_message != 0 && !last_ended) {
+        after.index[after.count++] = last_started;
+        return after;
+    }
+    for (size_t i = static_cast<size_t>(last_started + 1); i < sequence.size(); i++) {
+        if ((mask & sequence[i].mask_bit) == 0)
+            continue;
+        if (sequence[i].start_message != 0)
+            break;
+        after.index[after.count++] = static_cast<int>(i);
+    }
+    if (!status_known || (status != miscompare_status && status != no_memory_status))
+        return after;
+    subtest_set fitting;
+    for (int k = 0; k < after.count; k++) {
+        const subtest &s = sequence[static_cast<size_t>(after.index[k])];
+        if (status == miscompare_status ? s.compares : s.allocates)
+            fitting.index[fitting.count++] = after.index[k];
+    }
+    return fitting.count > 0 ? fitting : after;
+}
+
+corrected_check compare_corrected_errors(bool before_ok, const dxt_corrected_errors &before, bool after_ok,
+                                         const dxt_corrected_errors &after)
+{
+    corrected_check c;
+    c.checked = true;
+    bool edac = before_ok && after_ok && before.edac_available && after.edac_available;
+    bool mce = before_ok && after_ok && before.mce_available && after.mce_available;
+    c.available = edac || mce;
+    if (!c.available)
+        return c;
+    c.before = (edac ? before.edac_corrected : 0) + (mce ? before.machine_checks : 0);
+    c.after = (edac ? after.edac_corrected : 0) + (mce ? after.machine_checks : 0);
+    c.increase = corrected_errors_increase(&before, &after);
+    c.sources = edac && mce ? "EDAC memory controllers and machine-check exceptions"
+                : edac      ? "EDAC memory controllers"
+                            : "machine-check exceptions";
+    return c;
+}
+
+const char *corrected_errors_note(bool available)
+{
+    if (available)
+        return nullptr;
+    return "corrected hardware errors are not checked: no EDAC memory controller count "
+           "(/sys/devices/system/edac/mc) and no MCE line in /proc/interrupts can be read here";
+}
+
+const char *verdict_name(int exit_status)
+{
+    switch (exit_status) {
+    case exit_passed:
+        return "pass";
+    case exit_fault_found:
+        return "fault";
+    case exit_usage:
+        return "usage";
+    case exit_could_not_test:
+        return "could-not-test";
+    default:
+        return exit_status > exit_signal_base ? "interrupted" : "ended";
+    }
+}
+
+size_t verdict_room(const verdict_record &r)
+{
+    // Escaping makes a character at most six bytes; the fixed keys and
+    // numbers fit in the constant parts.
+    size_t room = 4096 + 6 * (r.text.size() + r.host.size());
+    if (r.machine != nullptr) {
+        room += 16 * r.machine->tested.size() + 80 * r.machine->left_out.size();
+        for (const l2_geometry &g : r.machine->l2)
+            room += 512 + 6 * (strlen(g.size_source) + strlen(g.line_source) + strlen(g.ways_source)) +
+                    12 * strlen(g.shared_cpus);
+    }
+    size_t names = 0;
+    for (const subtest &s : subtests())
+        names += 12 * strlen(s.name) + 16;
+    room += r.failures.size() * (512 + names);
+    return room;
+}
+
+void put_verdict_record(text_buffer &out, const verdict_record &r)
+{
+    put(out, "{\"time\":\"");
+    put_utc_time(out, r.time);
+    put(out, "\",\"host\":");
+    if (r.host.empty())
+        put(out, "null");
+    else
+        put_json_string(out, r.host);
+    put_json_int_member(out, "schema_version", verdict_schema_version);
+    put_json_text_member(out, "verdict", verdict_name(r.exit_status));
+    put_json_int_member(out, "exit_status", r.exit_status);
+    put(out, ",\"elapsed_seconds\":");
+    put_seconds(out, r.elapsed_ms);
+    put_json_text_member(out, "text", r.text);
+    put(out, ",\"cpu\":");
+    if (r.cpu >= 0)
+        put_int(out, r.cpu);
+    else
+        put(out, "null");
+
+    put(out, ",\"tested_cpus\":[");
+    if (r.machine != nullptr)
+        for (size_t i = 0; i < r.machine->tested.size(); i++) {
+            if (i > 0)
+                put(out, ",");
+            put_int(out, r.machine->tested[i]);
+        }
+    put(out, "],\"left_out_cpus\":[");
+    if (r.machine != nullptr)
+        for (size_t i = 0; i < r.machine->left_out.size(); i++) {
+            const left_out_processor &p = r.machine->left_out[i];
+            put(out, i > 0 ? ",{\"cpu\":" : "{\"cpu\":");
+            put_int(out, p.cpu);
+            put(out, p.online ? ",\"reason\":\"not-allowed\"}" : ",\"reason\":\"offline\"}");
+        }
+    put(out, "],\"l2\":[");
+    if (r.machine != nullptr)
+        for (size_t i = 0; i < r.machine->l2.size(); i++) {
+            const l2_geometry &g = r.machine->l2[i];
+            put(out, i > 0 ? ",{\"cpu\":" : "{\"cpu\":");
+            put_int(out, g.cpu);
+            put_json_int_member(out, "size", g.size);
+            put_json_int_member(out, "line", g.line);
+            put_json_int_member(out, "ways", g.ways);
+            put_json_text_member(out, "source", g.size_source);
+            put(out, ",\"sources\":{\"size\":");
+            put_json_string(out, g.size_source);
+            put(out, ",\"line\":");
+            put_json_string(out, g.line_source);
+            put(out, ",\"ways\":");
+            put_json_string(out, g.ways_source);
+            put(out, "}");
+            put_json_text_member(out, "shared_cpus", g.shared_cpus);
+            put(out, "}");
+        }
+    put(out, "],\"failures\":[");
+    for (size_t i = 0; i < r.failures.size(); i++) {
+        if (i > 0)
+            put(out, ",");
+        put_failure_json(out, r.failures[i]);
+    }
+
+    const corrected_check &c = r.corrected;
+    put(out, "],\"corrected_errors\":{\"checked\":");
+    put(out, c.checked ? "true" : "false");
+    put(out, ",\"available\":");
+    put(out, c.available ? "true" : "false");
+    put(out, ",\"sources\":");
+    put_json_string(out, c.sources);
+    if (c.available) {
+        put_json_int_member(out, "before", static_cast<long long>(c.before));
+        put_json_int_member(out, "after", static_cast<long long>(c.after));
+        put_json_int_member(out, "increase", static_cast<long long>(c.increase));
+    } else {
+        put(out, ",\"before\":null,\"after\":null,\"increase\":null");
+    }
+    put(out, "},\"warnings\":[");
+    if (warns(c)) {
+        line_buffer warning;
+        put_corrected_warning(warning, c);
+        put_json_string(out, std::string_view(warning.data, warning.length));
+    }
+    put(out, "]}\n");
+}
+
+void put_verdict_block(text_buffer &out, const verdict_record &r, bool quiet)
+{
+    if (r.machine != nullptr && !quiet)
+        put_processor_lines(out, r);
+    for (const failure_site &f : r.failures)
+        put_failure_line(out, r.time, f);
+    if (warns(r.corrected)) {
+        start_summary_line(out, r.time);
+        put(out, "WARNING: ");
+        put_corrected_warning(out, r.corrected);
+        put(out, "\n");
+    }
+    put_verdict_line(out, {r.time, r.cpu, verdict_word(r.exit_status), r.exit_status, r.text});
+}
+
+void put_geometry_text(text_buffer &out, const l2_geometry &g)
+{
+    put(out, "L2 of cpu");
+    put_int(out, g.cpu);
+    put(out, ": ");
+    put_int(out, g.size);
+    put(out, " bytes (");
+    put(out, g.size_source);
+    put(out, "), ");
+    put_int(out, g.line);
+    put(out, "-byte lines (");
+    put(out, g.line_source);
+    put(out, "), ");
+    put_int(out, g.ways);
+    put(out, " ways (");
+    put(out, g.ways_source);
+    put(out, "), ");
+    if (same_text(g.shared_cpus, "unknown")) {
+        put(out, "sharing unknown");
+    } else {
+        put(out, "shared by cpus ");
+        put(out, g.shared_cpus);
+    }
+}
+
+void put_progress_text(text_buffer &out, int subtest, int started, int finished, int processors)
+{
+    if (subtest < 0) {
+        put(out, "starting on ");
+        put_int(out, processors);
+        put(out, processors == 1 ? " cpu" : " cpus");
+        return;
+    }
+    put(out, subtests()[static_cast<size_t>(subtest)].name);
+    put(out, ": ");
+    put_int(out, started);
+    put(out, "/");
+    put_int(out, processors);
+    put(out, " cpus started, ");
+    put_int(out, finished);
+    put(out, "/");
+    put_int(out, processors);
+    put(out, " finished");
+}
+
+}  // namespace dxt

@@ -1,0 +1,129 @@
+// The verdict of a run as the harness assembles it: what the machine
+// offered (the processors tested and left out, each one's L2 geometry with
+// its source), where the run failed (processor and subtest), how the
+// corrected-error counters moved, and the JSON record or the text block
+// that says all of it at the end. Pure pieces, open to the unit tests; the
+// assembly is async-signal-safe so that a signal handler can use it.
+#ifndef TARNEL_DXTTEST_VERDICT_H
+#define TARNEL_DXTTEST_VERDICT_H
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "dxttest_internal.h"
+#include "dxtsysinfo_ext.h"
+
+namespace dxt {
+
+// The record's layout; raised when a key changes meaning or goes away.
+constexpr int verdict_schema_version = 1;
+
+// One tested processor's L2 as its worker takes it, with where each value
+// came from ("sysfs", "CPUID leaf 4", ..., "sysconf", "defaults").
+struct l2_geometry {
+    int cpu;
+    uint32_t size;
+    uint32_t line;
+    uint32_t ways;
+    const char *size_source;
+    const char *line_source;
+    const char *ways_source;
+    const char *shared_cpus;  // the processors sharing it, "0-1", or "unknown"
+};
+
+// The worker's rule: descriptor 4 when its size is not 0, else descriptor 2,
+// else the defaults (2 MiB, 64-byte lines, 4 ways), also for a record that
+// could not be had (result not 0). A line size or way count of 0 is taken
+// from the defaults, as the worker does.
+l2_geometry choose_l2(int cpu, int result, const uint32_t *record, const char *source_of_4,
+                      const char *source_of_2, const char *shared_cpus);
+
+struct left_out_processor {
+    int cpu;
+    bool online;  // false: offline; true: outside the process's CPU set
+};
+
+struct machine_description {
+    std::vector<int> tested;  // ascending
+    std::vector<left_out_processor> left_out;
+    std::vector<l2_geometry> l2;  // one per tested processor, same order
+};
+
+// The subtests, by index into subtests(), one of which was running.
+struct subtest_set {
+    int count = 0;
+    int index[16];
+};
+
+// Which subtest ended a worker: the one it started last when that one has
+// an end message it did not reach; otherwise one of the selected subtests
+// after it (from the first when it started none) that announce no start,
+// since a subtest with a start message announces it before it can fail.
+// A known status keeps those that can end a worker with it, unless that
+// keeps none.
+subtest_set possible_subtests(int32_t mask, int last_started, bool last_ended, bool status_known, intptr_t status);
+
+// Where a run failed.
+struct failure_site {
+    int cpu = -1;               // -1: unknown
+    int message = 0;            // the number that ended the run; 0 for a signal
+    bool status_known = false;  // a worker's exit status (8011)
+    intptr_t status = 0;
+    subtest_set subtests;
+    bool address_known = false;  // where a memory error was consumed (SIGBUS)
+    uintptr_t address = 0;
+};
+
+// The corrected-error counters before and after a run.
+struct corrected_check {
+    bool checked = false;    // both readings were attempted
+    bool available = false;  // some source answered both times
+    uint64_t before = 0;
+    uint64_t after = 0;
+    uint64_t increase = 0;
+    const char *sources = "";  // the sources that answered both times
+};
+corrected_check compare_corrected_errors(bool before_ok, const dxt_corrected_errors &before, bool after_ok,
+                                         const dxt_corrected_errors &after);
+// The debug note for a machine without any counter, or nullptr.
+const char *corrected_errors_note(bool available);
+
+struct verdict_record {
+    long long time;
+    int exit_status;
+    long long elapsed_ms;
+    std::string_view text;
+    int cpu;                                // the processor of the thread that ended the run
+    const machine_description *machine;     // nullptr: nothing was tested (usage)
+    std::span<const failure_site> failures;
+    corrected_check corrected;
+    std::string_view host = {};             // the machine's name; empty: unknown
+};
+
+// "pass", "fault", "usage", "could-not-test", "interrupted".
+const char *verdict_name(int exit_status);
+// Bytes enough for either form of the record.
+size_t verdict_room(const verdict_record &record);
+// The JSON record: one line.
+void put_verdict_record(text_buffer &out, const verdict_record &record);
+// The text block: SUMMARY lines (with quiet, only failures and warnings),
+// then the VERDICT line.
+void put_verdict_block(text_buffer &out, const verdict_record &record, bool quiet);
+
+// What this machine offers a run, from the platform (present, online and
+// allowed processors) and the information library (each tested processor's
+// record, the sources of its descriptors, its L2's sharers).
+machine_description describe_machine();
+
+// The debug line of one processor's geometry, every value with its source.
+void put_geometry_text(text_buffer &out, const l2_geometry &g);
+
+// The live progress line (no newline): the subtest and how many of the
+// tested processors started and finished it, within 80 columns.
+void put_progress_text(text_buffer &out, int subtest, int started, int finished, int processors);
+
+}  // namespace dxt
+
+#endif
