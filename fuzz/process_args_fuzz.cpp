@@ -10,6 +10,12 @@
 #include "driver/tarnel.h"
 #include "fakes.h"
 
+// The parser needs none of the C-library stand-ins, and they must stay out:
+// libFuzzer's own threads call sleep and must really sleep.
+namespace fake {
+void reset_libc() {}
+}  // namespace fake
+
 namespace {
 
 void defaults()
