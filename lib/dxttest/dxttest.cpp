@@ -484,6 +484,12 @@ void put_interrupt_reason(dxt::text_buffer &reason, int sig)
     put_status_reason(reason, "", dxt::exit_signal_base + sig);
 }
 
+// The thread that takes the interrupts; test_end stops and joins it, so a
+// passing run leaves no thread behind.
+pthread_t waiter;
+bool waiter_running;
+std::atomic<bool> waiter_stopping{false};
+
 // The interrupts arrive here, on a thread of their own, so the verdict can
 // read the corrected-error counters like any other.
 void *wait_for_interrupts(void *)
@@ -492,6 +498,8 @@ void *wait_for_interrupts(void *)
     int sig = 0;
     while (sigwait(&set, &sig) != 0) {
     }
+    if (waiter_stopping.load())
+        return nullptr;
     int status = dxt::exit_signal_base + sig;
     dxt::line_buffer reason;
     put_interrupt_reason(reason, sig);
@@ -501,6 +509,16 @@ void *wait_for_interrupts(void *)
     dxt::text_buffer out{storage.data(), storage.size()};
     put_verdict(out, record);
     write_last(out, status);
+}
+
+void stop_waiter()
+{
+    if (!waiter_running)
+        return;
+    waiter_stopping.store(true);
+    pthread_kill(waiter, SIGHUP);
+    pthread_join(waiter, nullptr);
+    waiter_running = false;
 }
 
 // Signal handlers: async-signal-safe only (the assembly helpers, write,
@@ -629,10 +647,9 @@ void dxt_test_async_handler(int)
     // Blocked here, before the workers exist, so that every thread
     // inherits the mask and only the waiting thread takes them.
     sigset_t set = interrupt_signals();
-    pthread_t waiter;
     if (pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0 &&
         pthread_create(&waiter, nullptr, wait_for_interrupts, nullptr) == 0) {
-        pthread_detach(waiter);
+        waiter_running = true;
     } else {
         pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
         install(SIGINT, on_interrupt);
@@ -672,12 +689,15 @@ int test_end(void)
     std::vector<char> storage(dxt::verdict_room(record));
     dxt::text_buffer out{storage.data(), storage.size()};
     put_verdict(out, record);
-    std::lock_guard<std::mutex> hold(output_lock);
-    if (ending.load())
-        return 0;
-    clear_progress();
-    write_text(output_fd, out);
-    passed = true;
+    {
+        std::lock_guard<std::mutex> hold(output_lock);
+        if (ending.load())
+            return 0;
+        clear_progress();
+        write_text(output_fd, out);
+        passed = true;
+    }
+    stop_waiter();
     return 0;
 }
 
