@@ -1,0 +1,239 @@
+// The sources of cache geometry and of corrected-error counts on trees laid
+// out by the test, with recorded CPUID dumps and made-up sysconf answers;
+// then the public call on this machine.
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+
+#include "cacheinfo_sources.h"
+#include "dxtsysinfo_ext.h"
+#include "recorded_cpuid.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Made-up sysconf answers (this machine's, set up by the fixture): a name
+// not set reads 0, as glibc gives for a value it does not know.
+std::map<int, long> sysconf_values;
+std::map<int, cpuid_dump> dumps;  // processors whose CPUID can be asked
+
+long recorded_sysconf(int name)
+{
+    auto found = sysconf_values.find(name);
+    return found == sysconf_values.end() ? 0 : found->second;
+}
+
+bool recorded_cpuid(int cpu, cpuid_dump *dump)
+{
+    auto found = dumps.find(cpu);
+    if (found != dumps.end())
+        *dump = found->second;
+    return found != dumps.end();
+}
+
+const uint32_t *descriptor(int cpu, int index)
+{
+    static const uint32_t none[CACHEINFO_DESC_WORDS] = {};
+    uint32_t *record = nullptr;
+    if (dxt_tlib_get_cpu_cacheinfo(cpu, &record) != 0)
+        return none;
+    return record + CACHEINFO_FIRST_WORD + CACHEINFO_DESC_WORDS * index;
+}
+
+class fixture_tree : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::string pattern = (fs::temp_directory_path() / "sysinfo.XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        root = pattern;
+        dumps.clear();
+        sysconf_values = {{_SC_LEVEL1_DCACHE_SIZE, 49152},   {_SC_LEVEL1_DCACHE_LINESIZE, 64},
+                          {_SC_LEVEL1_DCACHE_ASSOC, 12},     {_SC_LEVEL2_CACHE_SIZE, 1048576},
+                          {_SC_LEVEL2_CACHE_LINESIZE, 64},   {_SC_LEVEL2_CACHE_ASSOC, 8}};
+        use_cache_sources({root.c_str(), recorded_cpuid, recorded_sysconf});
+    }
+    void TearDown() override
+    {
+        use_cache_sources(live_cache_sources());
+        fs::remove_all(root);
+    }
+
+    fs::path write(const fs::path &file, const std::string &text)
+    {
+        fs::create_directories((root / file).parent_path());
+        std::ofstream(root / file) << text << "\n";  // the kernel ends its lines
+        return file.parent_path();
+    }
+    // One cache entry as the kernel writes it; its directory.
+    fs::path entry(int cpu, int index, int level, const char *type, const char *size, int line_size, int ways)
+    {
+        fs::path dir = "cpu" + std::to_string(cpu) + "/cache/index" + std::to_string(index);
+        write(dir / "level", std::to_string(level));
+        write(dir / "type", type);
+        write(dir / "size", size);
+        write(dir / "coherency_line_size", std::to_string(line_size));
+        return write(dir / "ways_of_associativity", std::to_string(ways));
+    }
+
+    std::string root;
+};
+
+TEST_F(fixture_tree, sysfs_picks_entries_by_level_and_type_not_index)
+{
+    // Processor 0 has a split L2 behind its L3 and L1 instruction cache,
+    // processor 1 a unified one in the usual order.
+    entry(0, 0, 3, "Unified", "16M", 64, 16);
+    entry(0, 1, 2, "Instruction", "1M", 64, 4);
+    entry(0, 2, 1, "Instruction", "64K", 64, 4);
+    entry(0, 3, 2, "Data", "2M", 128, 16);
+    entry(0, 4, 1, "Data", "48K", 64, 12);
+    entry(1, 0, 1, "Data", "32K", 64, 8);
+    entry(1, 1, 1, "Instruction", "32K", 64, 8);
+    entry(1, 2, 2, "Unified", "1024K", 64, 8);
+    const struct {
+        int cpu;
+        std::array<uint32_t, 4> l2, l1_data;  // source, size, line size, ways
+    } rows[] = {{0, {CACHE_SOURCE_SYSFS, 2 << 20, 128, 16}, {CACHE_SOURCE_SYSFS, 48 << 10, 64, 12}},
+                {1, {CACHE_SOURCE_SYSFS, 1 << 20, 64, 8}, {CACHE_SOURCE_SYSFS, 32 << 10, 64, 8}}};
+    for (const auto &row : rows) {
+        sysfs_answer answer;
+        ASSERT_TRUE(sysfs_caches(root.c_str(), row.cpu, &answer)) << "processor " << row.cpu;
+        const cache_desc &l2 = answer.caches.l2, &l1 = answer.caches.l1_data;
+        EXPECT_EQ((std::array{l2.source, l2.size, l2.line_size, l2.ways}), row.l2) << "processor " << row.cpu;
+        EXPECT_EQ((std::array{l1.source, l1.size, l1.line_size, l1.ways}), row.l1_data) << "processor " << row.cpu;
+    }
+}
+
+TEST(sysfs_size, suffixes_and_malformed_texts)
+{
+    const struct {
+        const char *text;
+        uint32_t bytes;
+    } rows[] = {{"512", 512},  {"48K", 49152}, {"2M", 2097152}, {"1G", 1u << 30}, {"", 0},
+                {"K", 0},      {"-1K", 0},     {"12Q", 0},      {"32K64", 0},     {"8192M", 0}};
+    for (const auto &row : rows)
+        EXPECT_EQ(parse_cache_size(row.text), row.bytes) << '"' << row.text << '"';
+}
+
+TEST_F(fixture_tree, implausible_values_fall_through_to_the_next_source)
+{
+    // Processor 0's L2: the sysfs entry (size, line size, ways), else CPUID,
+    // in descriptor 4; sysconf's in descriptor 2.
+    const cpuid_dump zen2 = recorded::zen2(0), machine = recorded::this_machine();
+    cpuid_dump zen2_bad_leaf = zen2;
+    zen2_bad_leaf.leaf_8000001d[2].ebx = 0x01c0002f;  // 48-byte lines
+    const long l3 = 532676608;                         // this machine's C library names its L3
+    const struct {
+        const char *name, *size;
+        int line_size, ways;
+        const cpuid_dump *dump;  // nullptr: CPUID cannot be asked
+        long sysconf_l2;
+        const char *own_source;
+        uint32_t own_size;
+        const char *libc_source;
+    } rows[] = {
+        {"plausible", "2048K", 64, 16, &zen2, 1 << 20, "sysfs", 2 << 20, "sysconf"},
+        {"64 MiB", "65536K", 64, 16, &zen2, 1 << 20, "sysfs", 64 << 20, "sysconf"},
+        {"line 16", "1024K", 16, 8, &zen2, 1 << 20, "sysfs", 1 << 20, "sysconf"},
+        {"line 512", "1024K", 512, 8, &zen2, 1 << 20, "sysfs", 1 << 20, "sysconf"},
+        {"size 0", "0K", 64, 8, &zen2, 1 << 20, "CPUID leaf 0x8000001D", 512 << 10, "sysconf"},
+        {"line 8", "1024K", 8, 8, &zen2, 1 << 20, "CPUID leaf 0x8000001D", 512 << 10, "sysconf"},
+        {"line 48", "1024K", 48, 8, &zen2, 1 << 20, "CPUID leaf 0x8000001D", 512 << 10, "sysconf"},
+        {"line 1024", "1024K", 1024, 8, &zen2, 1 << 20, "CPUID leaf 0x8000001D", 512 << 10, "sysconf"},
+        {"no ways", "1024K", 64, 0, &zen2, 1 << 20, "CPUID leaf 0x8000001D", 512 << 10, "sysconf"},
+        {"over 64 MiB", "65540K", 64, 16, &zen2, 1 << 20, "CPUID leaf 0x8000001D", 512 << 10, "sysconf"},
+        {"bad leaf 0x8000001D", nullptr, 0, 0, &zen2_bad_leaf, 1 << 20, "CPUID leaf 0x80000006", 512 << 10, "sysconf"},
+        {"this machine", nullptr, 0, 0, &machine, l3, "CPUID leaf 0x80000006", 1 << 20, "none"},
+        {"nothing plausible", "0K", 64, 8, nullptr, l3, "none", 0, "none"},
+    };
+    for (const auto &row : rows) {
+        fs::remove_all(fs::path(root) / "cpu0");
+        fs::create_directories(fs::path(root) / "cpu0");
+        if (row.size != nullptr)
+            entry(0, 2, 2, "Unified", row.size, row.line_size, row.ways);
+        dumps.clear();
+        if (row.dump != nullptr)
+            dumps[0] = *row.dump;
+        sysconf_values[_SC_LEVEL2_CACHE_SIZE] = row.sysconf_l2;
+        use_cache_sources({root.c_str(), recorded_cpuid, recorded_sysconf});  // forgets the records
+        EXPECT_STREQ(dxt_tlib_get_cache_source(0, 4), row.own_source) << row.name;
+        EXPECT_EQ(descriptor(0, 4)[CACHEINFO_SIZE], row.own_size) << row.name;
+        EXPECT_STREQ(dxt_tlib_get_cache_source(0, 2), row.libc_source) << row.name;
+    }
+}
+
+TEST_F(fixture_tree, l2_sharers_from_the_kernel_list_else_cpuid)
+{
+    // A two-core Skylake numbered as Linux does: processors 0 and 2 share
+    // core 0 (APIC ids 0 and 1). Only processor 0's entry lists its sharers.
+    write("online", "0-3");
+    const uint32_t apic_of[] = {0, 2, 1, 3};
+    for (int cpu = 0; cpu < 4; cpu++) {
+        entry(cpu, 0, 1, "Data", "32K", 64, 8);
+        fs::path l2 = entry(cpu, 2, 2, "Unified", "256K", 64, 4);
+        if (cpu == 0)
+            write(l2 / "shared_cpu_list", "0-1,3,2");
+        dumps[cpu] = recorded::skylake(apic_of[cpu]);
+    }
+    EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(0), "0-3");
+    EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(1), "1,3");
+    EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(2), "0,2");
+}
+
+TEST_F(fixture_tree, corrected_errors_sum_edac_and_the_machine_check_line)
+{
+    dxt_corrected_errors before;
+    EXPECT_EQ(read_corrected_errors(root.c_str(), &before), 0);
+    EXPECT_EQ(before.edac_available + before.mce_available, 0);
+    EXPECT_EQ(before.total, 0u);
+
+    const std::string edac = "sys/devices/system/edac/mc/";
+    write(edac + "mc0/ce_count", "3");
+    write(edac + "mc0/ce_noinfo_count", "1");
+    write(edac + "mc1/ce_count", "10");
+    write(edac + "mcx/ce_count", "100");  // not a memory controller
+    write("proc/interrupts", "            CPU0       CPU1\n"
+                             " MCE:          2          5   Machine check exceptions\n"
+                             " MCP:        312        312   Machine check polls");
+    dxt_corrected_errors after;
+    ASSERT_EQ(read_corrected_errors(root.c_str(), &after), 1);
+    EXPECT_EQ(after.edac_available, 1);
+    EXPECT_EQ(after.edac_corrected, 14u);
+    EXPECT_EQ(after.mce_available, 1);
+    EXPECT_EQ(after.machine_checks, 7u);
+    EXPECT_EQ(after.total, 21u);
+    // A source missing from either snapshot adds nothing; a reset counter neither.
+    EXPECT_EQ(corrected_errors_increase(&before, &after), 0u);
+    dxt_corrected_errors later = after;
+    later.edac_corrected = 2;
+    later.machine_checks = 9;
+    EXPECT_EQ(corrected_errors_increase(&after, &later), 2u);
+}
+
+TEST(this_machine, every_online_processor_reports_the_c_librarys_l2)
+{
+    long size = sysconf(_SC_LEVEL2_CACHE_SIZE);
+    if (size <= 0)
+        GTEST_SKIP() << "the C library knows no L2 cache here";
+    cpu_set_t allowed;
+    ASSERT_EQ(sched_getaffinity(0, sizeof allowed, &allowed), 0);
+    for (int cpu = 0; cpu < CPU_SETSIZE; cpu++) {
+        if (!CPU_ISSET(cpu, &allowed))
+            continue;
+        const uint32_t *own = descriptor(cpu, 4);
+        EXPECT_EQ(own[CACHEINFO_SIZE], uint32_t(size)) << "processor " << cpu;
+        EXPECT_EQ(own[CACHEINFO_LINE], uint32_t(sysconf(_SC_LEVEL2_CACHE_LINESIZE))) << "processor " << cpu;
+        EXPECT_EQ(own[CACHEINFO_WAYS], uint32_t(sysconf(_SC_LEVEL2_CACHE_ASSOC))) << "processor " << cpu;
+    }
+}
+
+}  // namespace
