@@ -1,9 +1,8 @@
-// The sub-option parser: every keyword of the table with a good, a bad and a
-// missing value, the rejection counter and the rule that nothing is stored
+// The sub-option parser: every keyword of the table with good, bad and
+// missing values, the rejection count, and the rule that nothing is stored
 // once an item has been rejected.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -11,207 +10,110 @@
 
 namespace {
 
-class options : public driver_fixture {
-protected:
-    // process_args on a writable copy, as the harness hands it over.
-    static int parse(const std::string &text)
-    {
-        std::vector<char> copy(text.begin(), text.end());
-        copy.push_back('\0');
-        return process_args(copy.data());
+using options = driver_fixture;
+
+// process_args on a writable copy, as the harness hands it over.
+int parse(const std::string &text)
+{
+    std::vector<char> copy(text.begin(), text.end());
+    copy.push_back('\0');
+    return process_args(copy.data());
+}
+
+// Every message as "level #number args|" or "level text|".
+std::string message_log()
+{
+    std::string log;
+    for (const fake::message &m : fake::messages()) {
+        EXPECT_EQ(m.exit_flag, DXT_RETURN);
+        EXPECT_FALSE(m.has_tag);
+        log += std::to_string(m.level) + (m.number == 0 ? " " + m.format : " #" + std::to_string(m.number));
+        for (const std::string &arg : m.args)
+            log += " " + arg;
+        log += "|";
     }
-
-    // The 8000 messages, by keyword.
-    static std::vector<std::string> rejected_keywords()
-    {
-        std::vector<std::string> keywords;
-        for (const fake::message &m : fake::messages_numbered(MSG_BAD_SUBOPTION)) {
-            EXPECT_EQ(m.level, LVL_USAGE);
-            EXPECT_EQ(m.exit_flag, DXT_RETURN);
-            EXPECT_FALSE(m.has_tag);
-            keywords.push_back(m.args.at(0));
-        }
-        return keywords;
-    }
-};
-
-using strings = std::vector<std::string>;
-
-TEST_F(options, empty_text_is_accepted_and_changes_nothing)
-{
-    EXPECT_EQ(parse(""), 1);
-    EXPECT_TRUE(fake::messages().empty());
-    EXPECT_EQ(count, 8u);
-    EXPECT_EQ(test_mask, 1048575);
+    return log;
 }
 
-TEST_F(options, parser_is_traced_on_every_way_out)
+std::string times(int n, const std::string &entry)
 {
-    parse("");
-    parse("count=x");
-    EXPECT_EQ(fake::trace_log(), (strings{"before process_args", "after process_args", "before process_args",
-                                          "after process_args"}));
+    std::string log;
+    for (int i = 0; i < n; i++)
+        log += entry;
+    return log;
 }
 
-TEST_F(options, dev_must_name_this_test)
-{
-    EXPECT_EQ(parse("dev=tarnel"), 1);
-    EXPECT_TRUE(fake::messages().empty());
-    EXPECT_EQ(parse("dev=other"), 0);
-    EXPECT_EQ(parse("dev"), 0);
-    EXPECT_EQ(parse("dev="), 0);
-    EXPECT_EQ(rejected_keywords(), (strings{"dev", "dev", "dev"}));
-}
+// n rejections of the keyword: message 8000 with it.
+std::string rejected(const std::string &keyword, int n = 1) { return times(n, "6 #8000 " + keyword + "|"); }
 
-TEST_F(options, count_in_range_is_stored)
+// The option variables that differ from their defaults.
+std::string changed()
 {
-    EXPECT_EQ(parse("count=1024"), 1);
-    EXPECT_EQ(count, 1024u);
-    EXPECT_EQ(parse("count=1"), 1);
-    EXPECT_EQ(count, 1u);
-    EXPECT_TRUE(fake::messages().empty());
-}
-
-TEST_F(options, count_out_of_range_takes_the_default_with_message_23)
-{
-    for (const char *item : {"count=0", "count=1025", "count=99999999999999999999"}) {
-        count = 5;
-        EXPECT_EQ(parse(item), 1) << item;
-        EXPECT_EQ(count, 8u) << item;
-    }
-    auto defaults = fake::messages_numbered(MSG_DEFAULT_TAKEN);
-    ASSERT_EQ(defaults.size(), 3u);
-    for (const fake::message &m : defaults) {
-        EXPECT_EQ(m.level, LVL_INFO);
-        EXPECT_EQ(m.args, strings{"8"});
-    }
-    EXPECT_TRUE(rejected_keywords().empty());
-}
-
-TEST_F(options, malformed_count_is_rejected)
-{
-    for (const char *item : {"count=-5", "count=5x", "count=", "count", "count=+5", "count= 5"})
-        EXPECT_EQ(parse(item), 0) << item;
-    EXPECT_EQ(rejected_keywords(), strings(6, "count"));
-    EXPECT_EQ(count, 8u);
-}
-
-TEST_F(options, tag_has_its_own_range_default)
-{
-    EXPECT_EQ(parse("tag=7"), 1);
-    EXPECT_EQ(tag_count, 7u);
-    EXPECT_EQ(parse("tag=0"), 1);
-    EXPECT_EQ(tag_count, 1u);
-    EXPECT_EQ(fake::messages_numbered(MSG_DEFAULT_TAKEN).at(0).args, strings{"1"});
-    EXPECT_EQ(parse("tag=x"), 0);
-    EXPECT_EQ(parse("tag"), 0);
-    EXPECT_EQ(rejected_keywords(), (strings{"tag", "tag"}));
-}
-
-TEST_F(options, empty_march_window_counts_as_rejected_without_message_8000)
-{
-    EXPECT_EQ(parse("march_window"), 0);
-    auto texts = fake::messages_numbered(MSG_FREE_TEXT);
-    ASSERT_EQ(texts.size(), 1u);
-    EXPECT_EQ(texts[0].format, "Cont with default march window\n");
-    EXPECT_EQ(texts[0].level, LVL_INFO);
-    EXPECT_TRUE(rejected_keywords().empty());
-    EXPECT_EQ(parse("march_window=12"), 1);
-    EXPECT_EQ(march_window, 12u);
-    EXPECT_EQ(parse("march_window=1a"), 0);
-    EXPECT_EQ(rejected_keywords(), strings{"march_window"});
-}
-
-struct defaulted_option {
-    const char *keyword;
-    const char *text;
-    int32_t *variable;
-    int32_t initial;
-};
-
-TEST_F(options, empty_value_keeps_the_default_with_its_own_text)
-{
-    const defaulted_option rows[] = {
-        {"march_al", "Cont with default march_algorithms\n", &march_al, 512},
-        {"march_pats", "Cont with default march data patterns\n", &march_pats, 15},
-        {"l1cache_write_policy", "Cont with default l1cache_write_policy\n", &l1cache_write_policy, -1},
-        {"test_mask", "Cont with default value for test_mask\n", &test_mask, 1048575},
+    std::string text;
+    auto note = [&text](const char *name, long long value, long long initial) {
+        if (value != initial)
+            text += std::string(name) + "=" + std::to_string(value) + " ";
     };
-    for (const defaulted_option &row : rows) {
-        fake::reset();
-        EXPECT_EQ(parse(std::string(row.keyword) + "="), 1) << row.keyword;
-        EXPECT_EQ(parse(row.keyword), 1) << row.keyword;
-        EXPECT_EQ(*row.variable, row.initial) << row.keyword;
-        auto texts = fake::messages_numbered(MSG_FREE_TEXT);
-        ASSERT_EQ(texts.size(), 2u) << row.keyword;
-        EXPECT_EQ(texts[1].format, row.text);
-        EXPECT_EQ(fake::messages().size(), 2u);
+    note("count", count, 8);
+    note("tag", tag_count, 1);
+    note("march_window", march_window, 0);
+    note("march_al", march_al, 512);
+    note("march_pats", march_pats, 15);
+    note("l1cache_write_policy", l1cache_write_policy, -1);
+    note("test_mask", test_mask, 1048575);
+    return text;
+}
 
-        EXPECT_EQ(parse(std::string(row.keyword) + "=77"), 1);
-        EXPECT_EQ(*row.variable, 77) << row.keyword;
-        EXPECT_EQ(parse(std::string(row.keyword) + "=0x4"), 0);
-        EXPECT_EQ(*row.variable, 77) << row.keyword;
-        EXPECT_EQ(rejected_keywords(), strings{row.keyword});
+TEST_F(options, every_keyword_of_the_table)
+{
+    const struct {
+        std::string text;
+        int result;
+        std::string log, changed;
+    } rows[] = {
+        {"", 1, "", ""},
+        {"dev=tarnel", 1, "", ""},
+        {"dev=other,dev,dev=", 0, rejected("dev", 3), ""},
+        {"count=1024", 1, "", "count=1024 "},
+        {"count=1", 1, "", "count=1 "},
+        {"count=5,count=0", 1, "7 #23 8|", ""},
+        {"count=5,count=1025", 1, "7 #23 8|", ""},
+        {"count=-5,count=5x,count=,count,count=+5,count= 5", 0, rejected("count", 6), ""},
+        {"tag=7", 1, "", "tag=7 "},
+        {"tag=3,tag=0", 1, "7 #23 1|", ""},
+        {"tag=x,tag", 0, rejected("tag", 2), ""},
+        {"march_window", 0, "7 Cont with default march window\n|", ""},
+        {"march_window=12", 1, "", "march_window=12 "},
+        {"march_window=1a", 0, rejected("march_window"), ""},
+        {"march_al=,march_al", 1, times(2, "7 Cont with default march_algorithms\n|"),
+         ""},
+        {"march_al=77,march_al=0x4", 0, rejected("march_al"), "march_al=77 "},
+        {"march_pats=,march_pats", 1,
+         times(2, "7 Cont with default march data patterns\n|"), ""},
+        {"march_pats=77,march_pats=0x4", 0, rejected("march_pats"), "march_pats=77 "},
+        {"l1cache_write_policy=,l1cache_write_policy", 1,
+         times(2, "7 Cont with default l1cache_write_policy\n|"), ""},
+        {"l1cache_write_policy=77,l1cache_write_policy=0x4", 0, rejected("l1cache_write_policy"),
+         "l1cache_write_policy=77 "},
+        {"test_mask=,test_mask", 1,
+         times(2, "7 Cont with default value for test_mask\n|"), ""},
+        {"test_mask=1024,test_mask=0x400", 0, rejected("test_mask"), "test_mask=1024 "},
+        {"cpc=Enabled", 1, "7 #24|", ""},
+        {"cpc=Disabled", 1, "", ""},
+        {"cpc=enabled,cpc", 0, rejected("cpc", 2), ""},
+        // Inactive keywords of the table and unknown ones: rejected silently.
+        {"em,em=1,threshold=5,march_addr_stride=64,foo=1,foo", 0, "", ""},
+        // After a rejection later items are still checked but not stored.
+        {"bogus,count=4,test_mask=8,march_al=3", 0, "", ""},
+        {"count=4,count=x,tag=3,count=0,cpc=Enabled", 0, rejected("count") + "7 #23 8|7 #24|", "count=4 "},
+    };
+    for (const auto &row : rows) {
+        SetUp();
+        EXPECT_EQ(parse(row.text), row.result) << row.text;
+        EXPECT_EQ(message_log(), row.log) << row.text;
+        EXPECT_EQ(changed(), row.changed) << row.text;
+        EXPECT_EQ(fake::trace_log(), (std::vector<std::string>{"before process_args", "after process_args"}));
     }
-}
-
-TEST_F(options, test_mask_is_decimal_only)
-{
-    EXPECT_EQ(parse("test_mask=0x400"), 0);
-    EXPECT_EQ(test_mask, 1048575);
-    EXPECT_EQ(parse("test_mask=1024"), 1);
-    EXPECT_EQ(test_mask, 1024);
-}
-
-TEST_F(options, cpc_accepts_exactly_enabled_and_disabled)
-{
-    EXPECT_EQ(parse("cpc=Enabled"), 1);
-    EXPECT_EQ(fake::numbers(), std::vector<int>{MSG_CPC_ENABLED});
-    EXPECT_EQ(parse("cpc=Disabled"), 1);
-    EXPECT_EQ(fake::messages().size(), 1u);
-    EXPECT_EQ(parse("cpc=enabled"), 0);
-    EXPECT_EQ(parse("cpc"), 0);
-    EXPECT_EQ(rejected_keywords(), (strings{"cpc", "cpc"}));
-}
-
-TEST_F(options, inactive_and_unknown_keywords_are_rejected_silently)
-{
-    for (const char *item : {"em", "em=1", "threshold=5", "march_addr_stride=64", "foo=1", "foo"})
-        EXPECT_EQ(parse(item), 0) << item;
-    EXPECT_TRUE(fake::messages().empty());
-}
-
-TEST_F(options, nothing_is_stored_after_the_first_rejection)
-{
-    EXPECT_EQ(parse("bogus,count=4,test_mask=8,march_al=3"), 0);
-    EXPECT_EQ(count, 8u);
-    EXPECT_EQ(test_mask, 1048575);
-    EXPECT_EQ(march_al, 512);
-
-    // Later items are still checked and still report.
-    fake::reset();
-    EXPECT_EQ(parse("count=4,count=x,tag=3,count=0,cpc=Enabled"), 0);
-    EXPECT_EQ(count, 4u);
-    EXPECT_EQ(tag_count, 1u);
-    EXPECT_EQ(fake::numbers(), (std::vector<int>{MSG_BAD_SUBOPTION, MSG_DEFAULT_TAKEN, MSG_CPC_ENABLED}));
-}
-
-TEST_F(options, every_rejection_counts_once)
-{
-    EXPECT_EQ(parse("dev=x,count=y,foo,threshold=1,march_window"), 0);
-    EXPECT_EQ(rejected_keywords(), (strings{"dev", "count"}));
-}
-
-TEST_F(options, usage_routine_names_the_test)
-{
-    test_name = "tarneltest";
-    EXPECT_EQ(routine_usage(), 0);
-    auto usage = fake::messages();
-    ASSERT_EQ(usage.size(), 1u);
-    EXPECT_EQ(usage[0].number, MSG_USAGE);
-    EXPECT_EQ(usage[0].level, LVL_USAGE);
-    EXPECT_EQ(usage[0].exit_flag, DXT_RETURN);
-    EXPECT_EQ(usage[0].args, strings{"tarneltest"});
 }
 
 }  // namespace

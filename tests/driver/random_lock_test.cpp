@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <thread>
 #include <vector>
@@ -13,32 +14,27 @@
 
 extern "C" int dxt_message(int, int, const char *, int, ...) { return 0; }
 
-namespace {
-
-constexpr int draws_per_thread = 200000;
-
 TEST(random_lock, concurrent_draws_are_indivisible)
 {
+    const size_t per_thread = 1000000;
     srand48(11);
-    std::vector<long> alone(2 * draws_per_thread);
+    std::vector<long> alone(2 * per_thread);
     for (long &draw : alone)
         draw = lrand48();
 
     srand48(11);
-    std::vector<long> first(draws_per_thread), second(draws_per_thread);
-    auto worker = [](std::vector<long> *out) {
-        for (long &draw : *out)
-            draw = l2_lrand48();
+    std::vector<long> together(2 * per_thread);
+    std::atomic<int> ready = 0;  // both threads draw at the same time
+    auto worker = [&](size_t first) {
+        for (ready++; ready < 2;)
+            ;
+        for (size_t i = first; i < first + per_thread; i++)
+            together[i] = l2_lrand48();
     };
-    std::thread a(worker, &first), b(worker, &second);
+    std::thread a(worker, 0), b(worker, per_thread);
     a.join();
     b.join();
-
-    std::vector<long> together(first);
-    together.insert(together.end(), second.begin(), second.end());
     std::sort(alone.begin(), alone.end());
     std::sort(together.begin(), together.end());
     EXPECT_TRUE(together == alone);
 }
-
-}  // namespace

@@ -1,10 +1,12 @@
-// One worker's sequence: geometry choice and its fallbacks, the vendor
-// check, the binding, the subtests that test_mask selects in their fixed
-// order, the stop at the first failing one, and the Random Offset buffer.
+// One worker's sequence: the geometry and its fallbacks, the vendor check,
+// the subtests that test_mask selects in their fixed order, the stop at the
+// first failing one, and the Random Offset buffer.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,8 +24,7 @@ protected:
         driver_fixture::SetUp();
         test_mask = 0;
         iterations = 1;
-        // A tiny cache keeps every subtest quick.
-        fake::set_descriptor(cpu, 4, 4096, 64, 4);
+        fake::set_descriptor(cpu, 4, 4096, 64, 4);  // a tiny cache keeps every subtest quick
     }
 
     // The worker's exit status, as thr_exit carries it.
@@ -38,83 +39,64 @@ protected:
         return -999;
     }
 
-    static std::string debug_line()
+    // The level-8 texts of the l2cache tag.
+    static strings debug_texts()
     {
+        strings texts;
         for (const fake::message &m : fake::messages_numbered(0))
-            if (m.has_tag && m.tag == "l2cache" && m.format.rfind("Cache Access stress", 0) == 0)
-                return m.text;
-        return "";
-    }
-
-    // The numbered start messages of the subtests that emit one.
-    static std::vector<int> starts()
-    {
-        std::vector<int> found;
-        for (int n : fake::numbers())
-            if (n == MSG_WRRDVR_START || n == MSG_SWAP_START || n == MSG_INTERCONNECT_START ||
-                n == MSG_MARCH_VAR_START || n == MSG_MARCH_LINE_START || n == MSG_ROW_MARCH_START ||
-                n == MSG_COL_MARCH_START)
-                found.push_back(n);
-        return found;
+            if (m.level == LVL_DEBUG && m.tag == "l2cache")
+                texts.push_back(m.text);
+        return texts;
     }
 
     const int cpu = 3;
 };
 
-TEST_F(sequence, empty_mask_binds_and_reports_geometry_only)
+TEST_F(sequence, geometry_from_descriptor_4_then_2_then_the_defaults)
 {
-    iterations = 8;
-    EXPECT_EQ(run_worker(), 0);
-    EXPECT_EQ(fake::bound_cpus(), std::vector<int>{cpu});
-    EXPECT_EQ(debug_line(), "Cache Access stress for cache_size 1000 line_size 40 num_loops 8\n");
-    EXPECT_EQ(fake::memalign_calls(), 0);
-    EXPECT_EQ(fake::lrand48_calls(), 0);
-    EXPECT_EQ(pagesize.load(), static_cast<uint32_t>(sysconf(_SC_PAGESIZE)));
-}
-
-TEST_F(sequence, second_level_descriptor_2_when_4_is_empty)
-{
-    fake::set_descriptor(cpu, 4, 0, 0, 0);
-    fake::set_descriptor(cpu, 2, 1048576, 64, 8);
-    EXPECT_EQ(run_worker(), 0);
-    EXPECT_EQ(debug_line(), "Cache Access stress for cache_size 100000 line_size 40 num_loops 1\n");
-    EXPECT_EQ(fake::count_of(MSG_GEOMETRY_DEFAULTS), 0);
-}
-
-TEST_F(sequence, defaults_when_no_descriptor_or_no_record)
-{
-    struct {
+    const strings no_41;
+    const struct {
+        uint32_t descriptor_4[3], descriptor_2[3];  // size, line size, ways
         int retval;
-        const char *detail;
-    } const cases[] = {{0, ""}, {-1, "cannot read caches"}, {9, ""}};
-    for (const auto &c : cases) {
-        fake::reset();
-        fake::set_descriptor(cpu, 4, 0, 64, 8);
-        fake::set_cacheinfo_result(cpu, c.retval);
+        uint32_t size, ways;  // ways: seen in the Write/Read/Verify buffer, 2 x ways x size
+        const char *line;     // size and line size as the debug line shows them
+        strings defaults;     // the arguments of message 41
+    } rows[] = {
+        {{4096, 64, 4}, {1048576, 64, 8}, 0, 4096, 4, "1000 line_size 40", no_41},
+        {{0, 0, 0}, {1048576, 64, 8}, 0, 1048576, 8, "100000 line_size 40", no_41},
+        {{256, 0, 0}, {}, 0, 256, 4, "100 line_size 40", no_41},  // zero line size and ways replaced
+        {{0, 64, 8}, {}, 0, 2097152, 4, "200000 line_size 40", {"dxt_tlib_get_cpu_cacheinfo()", "3", "0", ""}},
+        {{4096, 64, 4}, {}, -1, 2097152, 4, "200000 line_size 40",
+         {"dxt_tlib_get_cpu_cacheinfo()", "3", "-1", "cannot read caches"}},
+        {{4096, 64, 4}, {}, 9, 2097152, 4, "200000 line_size 40", {"dxt_tlib_get_cpu_cacheinfo()", "3", "9", ""}},
+    };
+    for (const auto &row : rows) {
+        SetUp();
+        test_mask = TEST_WRRDVR;
         fake::set_errmsg("cannot read caches");
-        EXPECT_EQ(run_worker(), 0);
-        auto defaults = fake::messages_numbered(MSG_GEOMETRY_DEFAULTS);
-        ASSERT_EQ(defaults.size(), 1u);
-        EXPECT_EQ(defaults[0].level, LVL_INFO);
-        EXPECT_EQ(defaults[0].args,
-                  (strings{"dxt_tlib_get_cpu_cacheinfo()", std::to_string(cpu), std::to_string(c.retval), c.detail}));
-        EXPECT_EQ(debug_line(), "Cache Access stress for cache_size 200000 line_size 40 num_loops 1\n");
+        fake::set_descriptor(cpu, 4, row.descriptor_4[0], row.descriptor_4[1], row.descriptor_4[2]);
+        fake::set_descriptor(cpu, 2, row.descriptor_2[0], row.descriptor_2[1], row.descriptor_2[2]);
+        fake::set_cacheinfo_result(cpu, row.retval);
+        EXPECT_EQ(run_worker(), 0) << row.line;
+        EXPECT_EQ(debug_texts(), strings{std::string("Cache Access stress for cache_size ") + row.line +
+                                         " num_loops 1\n"});
+        ASSERT_EQ(fake::memalign_results().size(), 1u) << row.line;
+        EXPECT_EQ(fake::memalign_results()[0].length, 2u * row.ways * row.size) << row.line;
+        strings defaults;
+        for (const fake::message &m : fake::messages_numbered(MSG_GEOMETRY_DEFAULTS)) {
+            EXPECT_EQ(m.level, LVL_INFO);
+            defaults.insert(defaults.end(), m.args.begin(), m.args.end());
+        }
+        EXPECT_EQ(defaults, row.defaults) << row.line;
     }
 }
 
-TEST_F(sequence, zero_line_size_and_ways_take_their_defaults)
+TEST_F(sequence, only_intel_and_amd_are_tested)
 {
-    fake::set_descriptor(cpu, 4, 256, 0, 0);
-    test_mask = TEST_WRRDVR;
+    fake::set_vendor(cpu, VENDOR_INTEL);
     EXPECT_EQ(run_worker(), 0);
-    EXPECT_EQ(debug_line(), "Cache Access stress for cache_size 100 line_size 40 num_loops 1\n");
-    // The Write/Read/Verify buffer is 2 x ways x cache_size: ways became 4.
-    ASSERT_FALSE(fake::memalign_results().empty());
-    EXPECT_EQ(fake::memalign_results()[0].length, 2u * 4 * 256);
-}
 
-TEST_F(sequence, unknown_vendor_ends_the_run_before_any_subtest)
-{
+    SetUp();
     fake::set_vendor(cpu, 3);
     test_mask = 0xFFFFF;
     try {
@@ -129,94 +111,78 @@ TEST_F(sequence, unknown_vendor_ends_the_run_before_any_subtest)
     EXPECT_EQ(fake::memalign_calls(), 0);
 }
 
-TEST_F(sequence, intel_and_amd_are_accepted)
+TEST_F(sequence, test_mask_selects_subtests_in_table_order_until_one_fails)
 {
-    for (int vendor : {VENDOR_INTEL, VENDOR_AMD}) {
-        fake::set_vendor(cpu, vendor);
-        EXPECT_EQ(run_worker(), 0);
-    }
-}
-
-TEST_F(sequence, march_bit_runs_the_four_marches_in_order)
-{
-    test_mask = TEST_MARCHES;
-    EXPECT_EQ(run_worker(), 0);
-    EXPECT_EQ(starts(), (std::vector<int>{MSG_MARCH_VAR_START, MSG_MARCH_LINE_START, MSG_ROW_MARCH_START,
-                                          MSG_COL_MARCH_START}));
-}
-
-TEST_F(sequence, default_mask_runs_every_subtest_in_table_order)
-{
-    test_mask = 1048575;
-    EXPECT_EQ(run_worker(), 0);
-    EXPECT_EQ(starts(), (std::vector<int>{MSG_WRRDVR_START, MSG_SWAP_START, MSG_INTERCONNECT_START,
-                                          MSG_MARCH_VAR_START, MSG_MARCH_LINE_START, MSG_ROW_MARCH_START,
-                                          MSG_COL_MARCH_START}));
-    // The buffers tell the silent subtests apart: Write/Read/Verify 2 x ways
-    // x size, four cache-sized kernel buffers of the hit test, two double
-    // buffers of the miss test, ..., and the Random Offset buffer last.
-    std::vector<size_t> lengths;
-    for (const fake::range &block : fake::memalign_results())
-        lengths.push_back(block.length);
+    // The start messages, and the buffers that tell the silent subtests
+    // apart: Write/Read/Verify 2 x ways x size, the hit test's four, the miss
+    // test's two doubles, ..., the Random Offset buffer last.
     const size_t c = 4096;
-    EXPECT_EQ(lengths, (std::vector<size_t>{8 * c, c, c, c, c, 2 * c, 2 * c, c, c, c, c, c, 2 * c, c, c}));
-}
-
-TEST_F(sequence, first_failing_subtest_ends_the_sequence_with_its_status)
-{
-    test_mask = 1048575;
-    // Calls: 1 Write/Read/Verify, 2-5 the hit kernels, 6 the miss test's
-    // integer buffer.
-    fake::fail_memalign(6, 1);
-    EXPECT_EQ(run_worker(), L2_NO_MEMORY);
-    EXPECT_EQ(fake::count_of(MSG_SWAP_START), 0);
-    EXPECT_EQ(fake::memalign_calls(), 6);
+    const std::vector<int> all = {MSG_WRRDVR_START,    MSG_SWAP_START,       MSG_INTERCONNECT_START,
+                                  MSG_MARCH_VAR_START, MSG_MARCH_LINE_START, MSG_ROW_MARCH_START,
+                                  MSG_COL_MARCH_START};
+    const struct {
+        int32_t mask;
+        int failing_allocation, status;
+        std::vector<int> starts;
+        std::vector<size_t> lengths;
+    } rows[] = {
+        {0, 0, 0, {}, {}},
+        {TEST_MARCHES, 0, 0, std::vector<int>(all.begin() + 3, all.end()), {c, c, 2 * c, c}},
+        {1048575, 0, 0, all, {8 * c, c, c, c, c, 2 * c, 2 * c, c, c, c, c, c, 2 * c, c, c}},
+        // The first failing subtest ends the sequence with its status: here
+        // the miss test, whose first buffer is the sixth allocation.
+        {1048575, 6, L2_NO_MEMORY, {MSG_WRRDVR_START}, {8 * c, c, c, c, c}},
+    };
+    for (const auto &row : rows) {
+        SetUp();
+        SCOPED_TRACE(testing::Message() << "mask " << row.mask << ", allocation " << row.failing_allocation
+                                        << " failing");
+        test_mask = row.mask;
+        fake::fail_memalign(row.failing_allocation, 1);
+        EXPECT_EQ(run_worker(), row.status);
+        EXPECT_EQ(fake::bound_cpus(), std::vector<int>{cpu});
+        EXPECT_EQ(pagesize.load(), static_cast<uint32_t>(sysconf(_SC_PAGESIZE)));
+        std::vector<int> starts;
+        for (int n : fake::numbers())
+            if (std::find(all.begin(), all.end(), n) != all.end())
+                starts.push_back(n);
+        EXPECT_EQ(starts, row.starts);
+        std::vector<size_t> lengths;
+        for (const fake::range &block : fake::memalign_results())
+            lengths.push_back(block.length);
+        EXPECT_EQ(lengths, row.lengths);
+    }
 }
 
 TEST_F(sequence, random_offset_buffer_is_locked_and_released)
 {
-    test_mask = TEST_RANDOM_OFFSET;
-    EXPECT_EQ(run_worker(), 0);
-    ASSERT_EQ(fake::memalign_results().size(), 1u);
-    fake::range buffer = fake::memalign_results()[0];
-    EXPECT_EQ(buffer.length, 4096u);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(buffer.address) % pagesize, 0u);
-    ASSERT_EQ(fake::mlock_calls().size(), 1u);
-    EXPECT_EQ(fake::mlock_calls()[0].address, buffer.address);
-    EXPECT_EQ(fake::mlock_calls()[0].length, 4096u);
-    ASSERT_EQ(fake::munlock_calls().size(), 1u);
-    EXPECT_EQ(fake::munlock_calls()[0].address, buffer.address);
-}
-
-TEST_F(sequence, random_offset_lock_failures_are_debug_texts_only)
-{
-    auto lock_texts = [] {
-        strings found;
-        for (const fake::message &m : fake::messages_numbered(0))
-            if (m.level == LVL_DEBUG && m.tag == "l2cache" && m.format.rfind("cache_miss", 0) == 0)
-                found.push_back(m.format);
-        return found;
+    const struct {
+        const char *name;
+        std::function<void()> setup;
+        int status;
+        strings texts;  // after the geometry line
+        size_t locks, unlocks;
+    } rows[] = {
+        {"both succeed", [] {}, 0, {}, 1, 1},
+        {"lock fails", [] { fake::fail_mlock(true); }, 0, {"cache_miss mlock failed!!\n"}, 1, 0},
+        {"unlock fails", [] { fake::fail_munlock(true); }, 0, {"cache_miss munlock failed!!\n"}, 1, 1},
+        {"no buffer", [] { fake::fail_memalign(1, 1); }, L2_NO_MEMORY, {}, 0, 0},
     };
-    test_mask = TEST_RANDOM_OFFSET;
-    fake::fail_mlock(true);
-    EXPECT_EQ(run_worker(), 0);
-    EXPECT_EQ(lock_texts(), strings{"cache_miss mlock failed!!\n"});
-    EXPECT_TRUE(fake::munlock_calls().empty()) << "a buffer whose lock failed is not unlocked";
-
-    fake::reset();
-    fake::set_descriptor(cpu, 4, 4096, 64, 4);
-    fake::fail_munlock(true);
-    EXPECT_EQ(run_worker(), 0);
-    EXPECT_EQ(lock_texts(), strings{"cache_miss munlock failed!!\n"});
-}
-
-TEST_F(sequence, random_offset_without_a_buffer_stops_with_12)
-{
-    test_mask = TEST_RANDOM_OFFSET;
-    fake::fail_memalign(1, 1);
-    EXPECT_EQ(run_worker(), L2_NO_MEMORY);
-    EXPECT_EQ(fake::lrand48_calls(), 0) << "the test itself never ran";
-    EXPECT_TRUE(fake::mlock_calls().empty());
+    for (const auto &row : rows) {
+        SetUp();
+        test_mask = TEST_RANDOM_OFFSET;
+        row.setup();
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(run_worker(), row.status);
+        strings texts = debug_texts();
+        EXPECT_EQ(strings(texts.begin() + 1, texts.end()), row.texts);
+        EXPECT_EQ(fake::memalign_calls(), 1);
+        EXPECT_EQ(fake::lrand48_calls() > 0, row.status == 0) << "the test itself ran";
+        EXPECT_EQ(fake::mlock_calls().size(), row.locks);
+        EXPECT_EQ(fake::munlock_calls().size(), row.unlocks);
+        for (const fake::range &r : fake::munlock_calls())
+            EXPECT_EQ(r.address, fake::memalign_results().at(0).address);
+    }
 }
 
 }  // namespace

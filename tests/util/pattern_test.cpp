@@ -1,11 +1,13 @@
-// The 16-word pattern block primitives: the layouts update_pattern builds
-// for every mode and word count, the complement, and the block store and
-// load for any count.
+// The 16-word pattern blocks: update_pattern's layouts, its incomplete
+// groups and unknown modes, the complement, store and load; and the
+// simultaneous-switching patterns from scripted draws (position, base and
+// mode, in that order), with the arguments they refuse.
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <vector>
 
+#include "fakes.h"
 #include "util/l2_util.h"
 
 namespace {
@@ -22,91 +24,124 @@ words built(uint32_t value, int32_t n, int32_t mode, size_t length = PATTERN_WOR
     return block;
 }
 
-// v, v, ... then ~v, ~v, ...: `run` words of each, repeated to 16 words.
-words runs(uint32_t v, int run)
+// Each value `run` times in turn, repeated over 16 words.
+words groups(const words &values, int run)
 {
     words block;
     for (int i = 0; i < PATTERN_WORDS; i++)
-        block.push_back((i / run) % 2 == 0 ? v : ~v);
+        block.push_back(values[(i / run) % values.size()]);
     return block;
 }
 
-TEST(update_pattern, sixteen_word_layouts_of_every_mode)
+// `run` words of v, then `run` of ~v, repeated over 16 words.
+words runs(uint32_t v, int run) { return groups({v, ~v}, run); }
+
+TEST(update_pattern, layouts_of_every_mode)
 {
     const uint32_t v = 0x12345678;
-    EXPECT_EQ(built(v, 16, 1), runs(v, 1));
-    EXPECT_EQ(built(v, 16, 2), runs(v, 2));
-    EXPECT_EQ(built(v, 16, 3), runs(v, 4));
-    EXPECT_EQ(built(v, 16, 4), runs(v, 8));
+    for (int32_t mode : {1, 2, 3, 4})
+        EXPECT_EQ(built(v, 16, mode), runs(v, 1 << (mode - 1))) << "mode " << mode;
     const uint32_t masks[] = {0xFFFFFFFF, 0x0000FFFF, 0x00FF00FF, 0x0F0F0F0F, 0x33333333, 0x55555555};
     for (int32_t mode = 5; mode <= 10; mode++)
         EXPECT_EQ(built(v, 16, mode), words(16, v ^ masks[mode - 5])) << "mode " << mode;
+    for (int32_t mode : {0, 11, 255, -1})  // unknown modes alternate like mode 1
+        EXPECT_EQ(built(v, 16, mode), runs(v, 1)) << "mode " << mode;
 }
 
-TEST(update_pattern, unknown_modes_alternate_like_mode_1)
-{
-    for (int32_t mode : {0, 11, 255, -1})
-        EXPECT_EQ(built(0x0F0F0F0F, 16, mode), built(0x0F0F0F0F, 16, 1)) << "mode " << mode;
-}
-
-TEST(update_pattern, incomplete_groups_keep_the_fill_value)
+TEST(update_pattern, incomplete_groups_keep_the_value_and_only_n_words_are_written)
 {
     const uint32_t v = 0xA5A50000;
     EXPECT_EQ(built(v, 5, 1, 5), (words{v, ~v, v, ~v, v}));
     EXPECT_EQ(built(v, 6, 2, 6), (words{v, v, ~v, ~v, v, v}));
     EXPECT_EQ(built(v, 12, 3, 12), (words{v, v, v, v, ~v, ~v, ~v, ~v, v, v, v, v}));
     EXPECT_EQ(built(v, 12, 4, 12), words(12, v));
-    // Two whole groups of 16 for a 32-word block.
-    words twice = runs(v, 8);
-    twice.insert(twice.end(), twice.begin(), twice.end());
-    EXPECT_EQ(built(v, 32, 4, 32), twice);
-}
-
-TEST(update_pattern, masks_apply_to_the_value)
-{
-    EXPECT_EQ(built(0x00000000, 16, 5), words(16, 0xFFFFFFFF));
-    EXPECT_EQ(built(0xFFFFFFFF, 16, 6), words(16, 0xFFFF0000));
     EXPECT_EQ(built(0xFFFFFFFF, 3, 7, 4), (words{0xFF00FF00, 0xFF00FF00, 0xFF00FF00, untouched}));
+    words twice = built(v, 32, 4, 32);  // two whole groups of 16
+    EXPECT_EQ(words(twice.begin(), twice.begin() + 16), runs(v, 8));
+    EXPECT_EQ(words(twice.begin() + 16, twice.end()), runs(v, 8));
 }
 
-TEST(update_pattern, writes_only_the_n_words)
+TEST(pattern_primitives, complement_store_and_load)
 {
-    for (int32_t n : {0, -1, -16})
-        for (int32_t mode : {1, 4, 5})
-            EXPECT_EQ(built(0, n, mode), words(16, untouched)) << "n " << n << " mode " << mode;
-    EXPECT_EQ(built(7, 3, 1), (words{7, ~7u, 7, untouched, untouched, untouched, untouched, untouched, untouched,
-                                     untouched, untouched, untouched, untouched, untouched, untouched, untouched}));
-}
+    words complement(16, untouched);
+    compl_pattern(complement.data(), built(0x55555555, 16, 1).data(), 16);
+    EXPECT_EQ(complement, runs(0xAAAAAAAA, 1));
 
-TEST(compl_pattern, complements_word_by_word)
-{
-    words source = built(0x55555555, 16, 1);
-    words destination(16, untouched);
-    compl_pattern(destination.data(), source.data(), 16);
-    EXPECT_EQ(destination, runs(0xAAAAAAAA, 1));
-
-    words kept(16, untouched);
-    compl_pattern(kept.data(), source.data(), 0);
-    compl_pattern(kept.data(), source.data(), -3);
-    EXPECT_EQ(kept, words(16, untouched));
-}
-
-TEST(block_primitives, store_copies_n_words_and_load_returns_the_last)
-{
-    words pattern = built(0xC0DE0000, 16, 3);
     words memory(17, untouched);
-    st_pattern(pattern.data(), memory.data(), 16);
-    EXPECT_EQ(words(memory.begin(), memory.begin() + 16), pattern);
+    st_pattern(complement.data(), memory.data(), 16);
+    EXPECT_EQ(words(memory.begin(), memory.begin() + 16), complement);
     EXPECT_EQ(memory[16], untouched);
-
     memory[15] = 0x15151515;
     EXPECT_EQ(ld_pattern(memory.data(), 16), 0x15151515u);
     EXPECT_EQ(ld_pattern(memory.data(), 3), memory[2]);
+}
 
-    words kept(16, untouched);
-    st_pattern(pattern.data(), kept.data(), 0);
-    st_pattern(pattern.data(), kept.data(), -1);
-    EXPECT_EQ(kept, words(16, untouched));
+TEST(pattern_primitives, no_word_is_touched_for_n_of_zero_or_less)
+{
+    const words source = runs(1, 1);
+    for (int32_t n : {0, -1, -16}) {
+        words block(16, untouched);
+        for (int32_t mode : {1, 4, 5})
+            update_pattern(0, block.data(), n, mode);
+        compl_pattern(block.data(), source.data(), n);
+        st_pattern(source.data(), block.data(), n);
+        EXPECT_EQ(block, words(16, untouched)) << "n " << n;
+    }
+}
+
+TEST(sso_pattern, blocks_from_scripted_draws)
+{
+    const uint32_t bm = 0xFFF7FFF7;  // 35 % 16 = bit 3, 7 % 2 = base ones: B XOR M
+    const struct {
+        int32_t bus, line;
+        std::vector<long> draws;
+        words block;
+    } rows[] = {
+        {16, 128, {0, 0, 0}, groups({0x00010001, 0xFFFEFFFE}, 4)},
+        {16, 128, {35, 7, 4}, groups({bm, ~bm}, 4)},  // 4 % 2 = mode 0
+        {16, 128, {35, 7, 5}, groups({bm, 0}, 4)},
+        {16, 256, {35, 7, 4}, groups({bm, ~bm}, 8)},
+        {16, 256, {35, 7, 5}, groups({bm, 0}, 8)},
+        {16, 256, {15, 0, 1}, groups({0x80008000, 0xFFFFFFFF}, 8)},
+        // A 512-bit line has no odd group, whatever the mode.
+        {16, 512, {2, 1, 0}, words(16, 0xFFFBFFFB)},
+        {16, 512, {2, 1, 1}, words(16, 0xFFFBFFFB)},
+        // A 16-bit line treats every word by the half-mask rule of its mode.
+        {16, 16, {2, 0, 0}, words(16, 0xFFFB0004)},
+        {16, 16, {2, 1, 1}, words(16, 0x0004FFFF)},
+        // A 32-bit bus walks one bit over 32: 63 % 32 = bit 31.
+        {32, 512, {63, 0, 0}, words(16, 0x80000000)},
+        {32, 512, {20, 1, 1}, words(16, 0xFFEFFFFF)},
+        {32, 32, {5, 0, 0}, groups({0x00000020, 0xFFFFFFDF}, 1)},
+        {32, 64, {0, 1, 1}, groups({0xFFFFFFFE, 0}, 2)},
+    };
+    for (const auto &row : rows) {
+        fake::reset();
+        fake::script_lrand48(row.draws);
+        words block(PATTERN_WORDS, untouched);
+        EXPECT_EQ(getSSOPattern(block.data(), PATTERN_WORDS, row.bus, row.line), 0);
+        EXPECT_EQ(block, row.block) << row.bus << "-bit bus, " << row.line << "-bit line, draws " << row.draws[0]
+                                    << " " << row.draws[1] << " " << row.draws[2];
+        EXPECT_EQ(fake::lrand48_calls(), 3);
+    }
+}
+
+TEST(sso_pattern, refused_arguments_draw_and_write_nothing)
+{
+    const struct {
+        int32_t n, bus, line;
+    } refused[] = {
+        {15, 16, 128}, {17, 16, 128}, {0, 16, 128}, {16, 24, 128}, {16, 0, 128},  {16, -16, 128},
+        {16, 16, 8},   {16, 16, 100}, {16, 32, 16}, {16, 64, 128}, {16, 128, 128}, {16, 512, 512},
+    };
+    for (const auto &c : refused) {
+        fake::reset();
+        fake::script_lrand48({1, 1, 1});
+        words block(PATTERN_WORDS, untouched);
+        EXPECT_EQ(getSSOPattern(block.data(), c.n, c.bus, c.line), -1) << c.n << " " << c.bus << " " << c.line;
+        EXPECT_EQ(block, words(PATTERN_WORDS, untouched));
+        EXPECT_EQ(fake::lrand48_calls(), 0);
+    }
 }
 
 }  // namespace
