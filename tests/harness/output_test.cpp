@@ -1,9 +1,8 @@
-// The harness's line assembly: numbers, UTC times, JSON escaping, the text
-// and JSON forms of a message and of a verdict, and which levels each mode
-// shows.
+// What a person gives and sees: the command line, which levels each mode
+// shows, and a message's line in text and in JSON.
 #include <gtest/gtest.h>
 
-#include <climits>
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -13,184 +12,114 @@
 
 namespace {
 
-std::string str(const dxt::line_buffer &line) { return std::string(line.data, line.length); }
+using namespace std::string_literals;
 
-template <class F>
-std::string built(F put_into)
+TEST(CommandLine, EachCommandLineAsTheHarnessTakesIt)
 {
-    dxt::line_buffer line;
-    put_into(line);
-    return str(line);
-}
-
-TEST(LineNumbers, IntegersHexAndElapsed)
-{
-    EXPECT_EQ(built([](auto &l) { dxt::put_int(l, 0); }), "0");
-    EXPECT_EQ(built([](auto &l) { dxt::put_int(l, 1048576); }), "1048576");
-    EXPECT_EQ(built([](auto &l) { dxt::put_int(l, -17); }), "-17");
-    EXPECT_EQ(built([](auto &l) { dxt::put_int(l, LLONG_MIN); }), "-9223372036854775808");
-    EXPECT_EQ(built([](auto &l) { dxt::put_hex(l, 0); }), "0x0");
-    EXPECT_EQ(built([](auto &l) { dxt::put_hex(l, 0x7f12ab0040ULL); }), "0x7f12ab0040");
-    EXPECT_EQ(built([](auto &l) { dxt::put_hex(l, ~0ULL); }), "0xffffffffffffffff");
-    EXPECT_EQ(built([](auto &l) { dxt::put_elapsed(l, 3249); }), "3.2 s");
-    EXPECT_EQ(built([](auto &l) { dxt::put_elapsed(l, 3250); }), "3.3 s");
-    EXPECT_EQ(built([](auto &l) { dxt::put_elapsed(l, 40); }), "0.0 s");
-    EXPECT_EQ(built([](auto &l) { dxt::put_elapsed(l, 61000); }), "61.0 s");
-}
-
-TEST(LineTime, Iso8601Utc)
-{
-    EXPECT_EQ(built([](auto &l) { dxt::put_utc_time(l, 0); }), "1970-01-01T00:00:00Z");
-    EXPECT_EQ(built([](auto &l) { dxt::put_utc_time(l, 1795412418); }), "2026-11-23T05:40:18Z");
-    EXPECT_EQ(built([](auto &l) { dxt::put_utc_time(l, 1709251199); }), "2024-02-29T23:59:59Z");
-    EXPECT_EQ(built([](auto &l) { dxt::put_utc_time(l, 951868800); }), "2000-03-01T00:00:00Z");
-    EXPECT_EQ(built([](auto &l) { dxt::put_utc_time(l, -1); }), "1969-12-31T23:59:59Z");
-}
-
-std::string escaped(std::string_view text)
-{
-    return built([&](auto &l) { dxt::put_json_string(l, text); });
-}
-
-TEST(JsonEscaping, QuotesBackslashesAndControls)
-{
-    EXPECT_EQ(escaped("plain"), "\"plain\"");
-    EXPECT_EQ(escaped("sub-option \"count\""), "\"sub-option \\\"count\\\"\"");
-    EXPECT_EQ(escaped("C:\\path"), "\"C:\\\\path\"");
-    EXPECT_EQ(escaped("a\nb\tc\rd"), "\"a\\nb\\tc\\rd\"");
-    EXPECT_EQ(escaped(std::string_view("\x01\x1f\x7f", 3)), "\"\\u0001\\u001f\\u007f\"");
-    EXPECT_EQ(escaped(std::string_view("nul\0x", 5)), "\"nul\\u0000x\"");
-}
-
-TEST(JsonEscaping, Utf8KeptAndBadBytesReplaced)
-{
-    EXPECT_EQ(escaped("caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"), "\"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80\"");
-    EXPECT_EQ(escaped("a\xff" "b"), "\"a\\ufffdb\"");
-    EXPECT_EQ(escaped("\xc3"), "\"\\ufffd\"");               // cut short
-    EXPECT_EQ(escaped("\xc0\xaf"), "\"\\ufffd\\ufffd\"");    // overlong
-    EXPECT_EQ(escaped("\xed\xa0\x80"), "\"\\ufffd\\ufffd\\ufffd\"");  // a surrogate
-}
-
-TEST(JsonEscaping, EscapedTextReadsBackAsTheOriginal)
-{
-    std::string text = "quote \" backslash \\ newline \n tab \t bell \x07 euro \xe2\x82\xac";
-    auto parsed = json_check::parse_object_line("{\"t\":" + escaped(text) + "}");
-    ASSERT_TRUE(parsed.has_value());
-    EXPECT_EQ(parsed->at("t").text, text);
-}
-
-TEST(JsonEscaping, LongTextIsCutButTheLineStaysValid)
-{
-    std::string text(3 * dxt::line_capacity, '"');
-    dxt::line_buffer line;
-    dxt::put_message_line(line, {0, LVL_INFO, 0, nullptr, 0, 0, text}, true);
-    std::string s = str(line);
-    ASSERT_LE(s.size(), static_cast<size_t>(dxt::line_capacity));
-    ASSERT_EQ(s.back(), '\n');
-    auto parsed = json_check::parse_object_line(s.substr(0, s.size() - 1));
-    ASSERT_TRUE(parsed.has_value());
-    EXPECT_TRUE(parsed->at("text").text.ends_with("[cut]"));
-}
-
-TEST(MessageLine, TextForm)
-{
-    dxt::line_buffer line;
-    dxt::put_message_line(
-        line, {1795412418, LVL_INFO, 1, "l2cache", MSG_WRRDVR_START, 0, "Write/Read/Verify test started"}, false);
-    EXPECT_EQ(str(line), "2026-11-23T05:40:18Z INFO cpu1 [l2cache] #3 Write/Read/Verify test started\n");
-
-    line.length = 0;
-    dxt::put_message_line(line, {1795412418, LVL_FATAL, -1, nullptr, MSG_WORKERS_FAILED, -1, "failed"}, false);
-    EXPECT_EQ(str(line), "2026-11-23T05:40:18Z FATAL cpu? #8011 failed\n");
-
-    line.length = 0;
-    dxt::put_message_line(line, {1795412418, 5, 0, nullptr, 0, 0, "odd level"}, false);
-    EXPECT_EQ(str(line), "2026-11-23T05:40:18Z LEVEL5 cpu0 #0 odd level\n");
-
-    // The usage is shown as a usage, without the line's prefix.
-    line.length = 0;
-    dxt::put_message_line(line, {1795412418, LVL_USAGE, 0, nullptr, MSG_USAGE, 0, "usage: t [-h]\n  -h  help"}, false);
-    EXPECT_EQ(str(line), "usage: t [-h]\n  -h  help\n");
-}
-
-TEST(MessageLine, JsonFormHasEveryKey)
-{
-    dxt::line_buffer line;
-    dxt::put_message_line(line, {1795412418, LVL_USAGE, 0, nullptr, MSG_BAD_SUBOPTION, 0, "Sub-option \"count\""},
-                          true);
-    EXPECT_EQ(str(line),
-              "{\"time\":\"2026-11-23T05:40:18Z\",\"level\":6,\"severity\":\"USAGE\",\"cpu\":0,\"tag\":null,"
-              "\"number\":8000,\"exit_flag\":0,\"text\":\"Sub-option \\\"count\\\"\"}\n");
-
-    line.length = 0;
-    dxt::put_message_line(line, {0, 12, -1, "morvantest", 0, 1, "x"}, true);
-    auto parsed = json_check::parse_object_line(std::string_view(line.data, line.length - 1));
-    ASSERT_TRUE(parsed.has_value());
-    EXPECT_EQ(parsed->at("severity").text, "LEVEL12");
-    EXPECT_EQ(parsed->at("cpu").text, "null");
-    EXPECT_EQ(parsed->at("tag").text, "morvantest");
-    EXPECT_EQ(parsed->at("exit_flag").text, "1");
-}
-
-TEST(VerdictLine, TextForm)
-{
-    dxt::line_buffer line;
-    dxt::put_verdict_line(line, {1795412418, 0, "FAIL", 1, "a fault was found (exit status 1)"});
-    EXPECT_EQ(str(line), "2026-11-23T05:40:18Z VERDICT cpu0 FAIL: a fault was found (exit status 1)\n");
-}
-
-TEST(LineNumbers, SecondsAndProcessorLists)
-{
-    EXPECT_EQ(built([](auto &l) { dxt::put_seconds(l, 2013); }), "2.013");
-    EXPECT_EQ(built([](auto &l) { dxt::put_seconds(l, 40); }), "0.040");
-    EXPECT_EQ(built([](auto &l) { dxt::put_seconds(l, -5); }), "0.000");
-    auto list = [](std::vector<int> ids) { return built([&](auto &l) { dxt::put_cpu_list(l, ids); }); };
-    EXPECT_EQ(list({}), "");
-    EXPECT_EQ(list({2}), "2");
-    EXPECT_EQ(list({0, 1}), "0-1");
-    EXPECT_EQ(list({0, 1, 2, 3, 5, 7, 8}), "0-3,5,7-8");
-}
-
-TEST(LineBuffer, TextBufferOfAnySizeStopsAtItsCapacity)
-{
-    char storage[8];
-    dxt::text_buffer small{storage, sizeof storage};
-    dxt::put(small, "0123456789");
-    EXPECT_EQ(std::string(small.data, small.length), "01234567");
+    using enum dxt::command_action;
+    struct row {
+        std::vector<std::string> args;
+        dxt::command_action action;
+        const char *subopts_or_error;  // the joined -o texts, or what the error names
+        bool quiet = false, debug = false, json = false;
+    };
+    const row rows[] = {
+        {{}, run, ""},
+        {{"-o", ""}, run, ""},
+        {{"-ocount=1", "--options=test_mask=8", "-o", "cpc=Enabled"}, run, "count=1,test_mask=8,cpc=Enabled"},
+        {{"--quiet", "-d"}, run, "", true, true},
+        {{"-vd", "--json", "-o", "count=5x,bogus"}, run, "count=5x,bogus", false, true, true},
+        {{"--help", "--version"}, help, ""},
+        {{"--version"}, version, ""},
+        {{"-h", "--bogus"}, error, "'--bogus'"},  // an error anywhere wins over help
+        {{"-vx"}, error, "'-x'"},
+        {{"--json=1"}, error, "'--json=1'"},
+        {{"-o"}, error, "'-o'"},
+        {{"-o", "count=1", "stray", "-d"}, error, "'stray'"},
+        {{"-v", "-q"}, error, "-v and -q"},
+    };
+    for (row r : rows) {
+        r.args.insert(r.args.begin(), "tarneltest");
+        std::vector<char *> argv;
+        for (std::string &s : r.args)
+            argv.push_back(s.data());
+        argv.push_back(nullptr);
+        std::vector<char *> before = argv;
+        dxt::command_line line = dxt::parse_command_line(static_cast<int>(argv.size()) - 1, argv.data());
+        std::string name = r.args.back();
+        EXPECT_EQ(argv, before) << name << ": argv was reordered";
+        ASSERT_EQ(line.action, r.action) << name;
+        EXPECT_NE((r.action == error ? line.error : line.subopts).find(r.subopts_or_error), std::string::npos) << name;
+        if (r.action == error)
+            continue;
+        EXPECT_EQ(line.subopts, r.subopts_or_error) << name;
+        EXPECT_EQ(line.subopts_given, std::ranges::any_of(r.args, [](auto &a) { return a.starts_with("-o"); })) << name;
+        EXPECT_EQ(line.display.quiet, r.quiet) << name;
+        EXPECT_EQ(line.display.debug, r.debug) << name;
+        EXPECT_EQ(line.display.json, r.json) << name;
+    }
 }
 
 TEST(LevelFilter, EachModeShowsItsLevels)
 {
-    dxt::display_mode normal, quiet, debug, quiet_debug;
-    quiet.quiet = true;
-    debug.debug = true;
-    quiet_debug.quiet = quiet_debug.debug = true;
-    for (int level = 1; level <= 7; level++) {
-        EXPECT_TRUE(dxt::level_shown(normal, level, 0)) << level;
-        EXPECT_TRUE(dxt::level_shown(debug, level, 0)) << level;
+    const dxt::display_mode normal{}, quiet{true, false, false}, debug{false, true, false}, both{true, true, false};
+    for (int level = 1; level <= 9; level++) {
+        EXPECT_EQ(dxt::level_shown(normal, level, 0), level <= 7) << level;
         EXPECT_EQ(dxt::level_shown(quiet, level, 0), level <= 3) << level;
+        EXPECT_TRUE(dxt::level_shown(debug, level, 0)) << level;
+        EXPECT_EQ(dxt::level_shown(both, level, 0), level <= 3 || level >= 8) << level;
     }
-    EXPECT_FALSE(dxt::level_shown(normal, LVL_DEBUG, 0));
-    EXPECT_FALSE(dxt::level_shown(quiet, LVL_DEBUG, 0));
-    EXPECT_TRUE(dxt::level_shown(debug, LVL_DEBUG, 0));
-    EXPECT_TRUE(dxt::level_shown(quiet_debug, LVL_DEBUG, 0));
-    EXPECT_FALSE(dxt::level_shown(quiet_debug, LVL_INFO, 0));
-    // The usage is shown when asked for, even when quiet.
-    EXPECT_TRUE(dxt::level_shown(quiet, LVL_USAGE, MSG_USAGE));
-    EXPECT_FALSE(dxt::level_shown(quiet, LVL_USAGE, MSG_BAD_SUBOPTION));
+    EXPECT_TRUE(dxt::level_shown(quiet, LVL_USAGE, MSG_USAGE));  // the usage, when asked for
 }
 
-TEST(LevelFilter, SeverityWords)
+std::string line_of(const dxt::message_fields &m, bool json)
 {
-    EXPECT_STREQ(dxt::severity_word(1), "FATAL");
-    EXPECT_STREQ(dxt::severity_word(2), "FAULT");
-    EXPECT_STREQ(dxt::severity_word(3), "ERROR");
-    EXPECT_STREQ(dxt::severity_word(6), "USAGE");
-    EXPECT_STREQ(dxt::severity_word(7), "INFO");
-    EXPECT_STREQ(dxt::severity_word(8), "DEBUG");
-    EXPECT_EQ(dxt::severity_word(0), nullptr);
-    EXPECT_EQ(dxt::severity_word(4), nullptr);
-    EXPECT_EQ(dxt::severity_word(9), nullptr);
+    dxt::line_buffer line;
+    dxt::put_message_line(line, m, json);
+    return std::string(line.data, line.length);
+}
+
+TEST(MessageLine, TextFormWithEachSeverityWord)
+{
+    EXPECT_EQ(line_of({1795412418, LVL_INFO, 1, "l2cache", 3, 0, "Write/Read/Verify test started"}, false),
+              "2026-11-23T05:40:18Z INFO cpu1 [l2cache] #3 Write/Read/Verify test started\n");
+    EXPECT_EQ(line_of({-1, LVL_FATAL, -1, nullptr, 8011, -1, "failed"}, false),
+              "1969-12-31T23:59:59Z FATAL cpu? #8011 failed\n");
+    const char *words[] = {"LEVEL0", "FATAL", "FAULT", "ERROR", "LEVEL4", "LEVEL5", "USAGE", "INFO", "DEBUG", "LEVEL9"};
+    for (int level = 0; level <= 9; level++)
+        EXPECT_EQ(line_of({1709251199, level, 0, nullptr, 0, 0, "x"}, false),
+                  "2024-02-29T23:59:59Z " + std::string(words[level]) + " cpu0 #0 x\n");
+    // The usage is shown as a usage, without the line's prefix.
+    EXPECT_EQ(line_of({0, LVL_USAGE, 0, nullptr, MSG_USAGE, 0, "usage: t [-h]\n  -h  help"}, false),
+              "usage: t [-h]\n  -h  help\n");
+}
+
+TEST(MessageLine, JsonFormHasEveryKeyAndEscapesTheText)
+{
+    EXPECT_EQ(line_of({1795412418, 12, -1, "l2cache", 8000, 1, "Sub-option \"count\" C:\\"}, true),
+              "{\"time\":\"2026-11-23T05:40:18Z\",\"level\":12,\"severity\":\"LEVEL12\",\"cpu\":null,"
+              "\"tag\":\"l2cache\",\"number\":8000,\"exit_flag\":1,\"text\":\"Sub-option \\\"count\\\" C:\\\\\"}\n");
+    // Controls escaped, UTF-8 kept, a byte of no well-formed sequence
+    // (stray, overlong, cut short) replaced; the text reads back.
+    std::string text = "\n\t\x01\x7f\0 caf\xc3\xa9 \xf0\x9f\x98\x80 \xff \xc0\xaf \xc3"s;
+    std::string line = line_of({0, LVL_INFO, 0, nullptr, 0, 0, text}, true);
+    EXPECT_NE(line.find("\"text\":\"\\n\\t\\u0001\\u007f\\u0000 caf\xc3\xa9 \xf0\x9f\x98\x80 \\ufffd \\ufffd\\ufffd "
+                        "\\ufffd\"}\n"),
+              std::string::npos)
+        << line;
+    std::string clean = "quote \" backslash \\ newline \n bell \x07 euro \xe2\x82\xac";
+    auto parsed = json_check::parse_object_line(line_of({0, LVL_INFO, 0, nullptr, 0, 0, clean}, true));
+    ASSERT_TRUE(parsed.has_value());
+    EXPECT_EQ(parsed->at("text"), clean);
+    // A text too long for a line is cut, and the line stays valid.
+    line = line_of({0, LVL_INFO, 0, nullptr, 0, 0, std::string(3 * dxt::line_capacity, '"')}, true);
+    ASSERT_LE(line.size(), static_cast<size_t>(dxt::line_capacity));
+    parsed = json_check::parse_object_line(line);
+    ASSERT_TRUE(parsed.has_value()) << line;
+    EXPECT_TRUE(parsed->at("text").ends_with("[cut]"));
+    // The reader itself refuses what is not JSON.
+    for (const char *bad : {"{\"a\":1,\"a\":2}", "{\"a\":01}", "{\"a\":\"\t\"}", "{\"a\":tru}", "{\"a\":1} x"})
+        EXPECT_FALSE(json_check::parse_object_line(bad).has_value()) << bad;
 }
 
 }  // namespace
