@@ -5,7 +5,12 @@
 #ifndef TARNEL_MARCH_GENMARCH_H
 #define TARNEL_MARCH_GENMARCH_H
 
+#include <unistd.h>
+
 #include <cstdint>
+
+#include "harness/testinfo.h"
+#include "util/l2_util.h"
 
 // Marker-terminated base value tables.
 enum : uint32_t {
@@ -24,6 +29,19 @@ enum : uint32_t {
 inline uint32_t march_region_bytes(uint32_t cache_size) { return 4 * (cache_size / 8); }
 inline constexpr char MARCH_MLOCK_FAILED[] = "cache_miss mlock failed!!\n";
 inline constexpr char MARCH_MUNLOCK_FAILED[] = "cache_miss munlock failed!!\n";
+
+// A march test's buffer: cache_size bytes at the page size, up to sixteen
+// attempts, then locked when it can be. False, after message 4002, when
+// every attempt failed.
+inline bool march_buffer(l2_buffer &buffer, uint32_t cache_size, const char *tag)
+{
+    if (!buffer.allocate(static_cast<size_t>(sysconf(_SC_PAGESIZE)), cache_size, MARCH_ALLOC_ATTEMPTS)) {
+        dxt_message(DXT_RETURN, LVL_STEP_ERROR, nullptr, MSG_NO_MEMORY);
+        return false;
+    }
+    buffer.lock(tag, MARCH_MLOCK_FAILED, MARCH_MUNLOCK_FAILED);
+    return true;
+}
 
 int cache_march_stress3(void *buffer, uint32_t cache_size, uint32_t iterations);
 int cache_march_stress4(void *buffer, uint32_t cache_size);

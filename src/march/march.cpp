@@ -1,7 +1,6 @@
 // The 30N march with line-length striding: eighteen elements over 32-byte
 // blocks of the half-cache region, one march per base value, the whole set
 // `iterations` times. It makes traffic and never compares what it reads.
-#include <unistd.h>
 
 #include <cstdint>
 
@@ -114,11 +113,8 @@ int cache_march_stress3(void *, uint32_t cache_size, uint32_t iterations)
 {
     dxt_message(DXT_RETURN, LVL_INFO, nullptr, MSG_MARCH_LINE_START);
     l2_buffer buffer;
-    if (!buffer.allocate(static_cast<size_t>(sysconf(_SC_PAGESIZE)), cache_size, MARCH_ALLOC_ATTEMPTS)) {
-        dxt_message(DXT_RETURN, LVL_STEP_ERROR, nullptr, MSG_NO_MEMORY);
+    if (!march_buffer(buffer, cache_size, tag))
         return L2_NO_MEMORY;
-    }
-    buffer.lock(tag, MARCH_MLOCK_FAILED, MARCH_MUNLOCK_FAILED);
 
     // Unsigned addresses: with a region of 32 bytes or less `last` falls
     // below `first` and no march runs.

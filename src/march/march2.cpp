@@ -3,7 +3,6 @@
 // the pattern block and every base value: fifty marches a call. The stride
 // stays one block; what varies from march to march is the data. It makes
 // traffic and never compares what it reads.
-#include <unistd.h>
 
 #include <cstdint>
 
@@ -139,11 +138,8 @@ int cache_march_stress4(void *, uint32_t cache_size)
 {
     dxt_message(DXT_RETURN, LVL_INFO, nullptr, MSG_MARCH_VAR_START);
     l2_buffer buffer;
-    if (!buffer.allocate(static_cast<size_t>(sysconf(_SC_PAGESIZE)), cache_size, MARCH_ALLOC_ATTEMPTS)) {
-        dxt_message(DXT_RETURN, LVL_STEP_ERROR, nullptr, MSG_NO_MEMORY);
+    if (!march_buffer(buffer, cache_size, tag))
         return L2_NO_MEMORY;
-    }
-    buffer.lock(tag, MARCH_MLOCK_FAILED, MARCH_MUNLOCK_FAILED);
 
     // Unsigned addresses: with a region of 64 bytes or less `last` falls
     // below `first` and no march runs, though every pattern is still built.

@@ -3,8 +3,6 @@
 // pattern over the blocks of the half-cache region and reads them back, then
 // does the same with a 256-bit-line pattern. It makes traffic and never
 // compares what it reads.
-#include <unistd.h>
-
 #include <cstdint>
 
 #include "harness/testinfo.h"
@@ -46,13 +44,9 @@ uint32_t switch_blocks(uintptr_t first, uintptr_t last, const uint32_t *pattern)
 int cache_interconnect_stress(void *, uint32_t cache_size, uint32_t iterations)
 {
     dxt_message(DXT_RETURN, LVL_INFO, nullptr, MSG_INTERCONNECT_START);
-    size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     l2_buffer buffer;
-    if (!buffer.allocate(page, cache_size, MARCH_ALLOC_ATTEMPTS)) {
-        dxt_message(DXT_RETURN, LVL_STEP_ERROR, nullptr, MSG_NO_MEMORY);
+    if (!march_buffer(buffer, cache_size, tag))
         return L2_NO_MEMORY;
-    }
-    buffer.lock(tag, MARCH_MLOCK_FAILED, MARCH_MUNLOCK_FAILED);
 
     // Unsigned addresses: with a region of 64 bytes or less `last` falls
     // below `first` and no block is touched, though every pass still draws

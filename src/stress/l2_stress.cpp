@@ -679,6 +679,23 @@ bool march_elements(Sweep sweep, uint32_t p)
     return sweep([p](void *word) { return l2_ld32(word) == p; });
 }
 
+// The passes of a six-element march in its order of visits, then the
+// buffer's release and the end message: -1 after the first miscompare, which
+// ends the passes. A buffer without word positions only draws its patterns.
+template <typename Sweep>
+int march_passes(l2_buffer &buffer, uint32_t iterations, bool has_words, Sweep sweep, int end_message)
+{
+    int status = L2_PASSED;
+    for (uint32_t pass = 0; pass < iterations && status == L2_PASSED; pass++) {
+        uint32_t p = march_pattern();
+        if (has_words && !march_elements(sweep, p))
+            status = L2_MISCOMPARE;
+    }
+    buffer.release();
+    dxt_message(DXT_RETURN, LVL_INFO, nullptr, end_message);
+    return status;
+}
+
 }  // namespace
 
 int cache_march_stress1(void *, uint32_t cache_size, uint32_t line_size, uint32_t iterations)
@@ -712,15 +729,7 @@ int cache_march_stress1(void *, uint32_t cache_size, uint32_t line_size, uint32_
         return true;
     };
 
-    int status = L2_PASSED;
-    for (uint32_t pass = 0; pass < iterations && status == L2_PASSED; pass++) {
-        uint32_t p = march_pattern();
-        if (line_words != 0 && !march_elements(row_striding, p))
-            status = L2_MISCOMPARE;
-    }
-    buffer.release();
-    dxt_message(DXT_RETURN, LVL_INFO, nullptr, MSG_ROW_MARCH_END);
-    return status;
+    return march_passes(buffer, iterations, line_words != 0, row_striding, MSG_ROW_MARCH_END);
 }
 
 int cache_march_stress2(void *, uint32_t cache_size, uint32_t iterations)
@@ -742,13 +751,5 @@ int cache_march_stress2(void *, uint32_t cache_size, uint32_t iterations)
         return true;
     };
 
-    int status = L2_PASSED;
-    for (uint32_t pass = 0; pass < iterations && status == L2_PASSED; pass++) {
-        uint32_t p = march_pattern();
-        if (words != 0 && !march_elements(ascending, p))
-            status = L2_MISCOMPARE;
-    }
-    buffer.release();
-    dxt_message(DXT_RETURN, LVL_INFO, nullptr, MSG_COL_MARCH_END);
-    return status;
+    return march_passes(buffer, iterations, words != 0, ascending, MSG_COL_MARCH_END);
 }
