@@ -46,6 +46,7 @@
 
 #include "march/genmarch.h"
 #include "stress/l2cache.h"
+#include "util/l2_util.h"
 
 namespace {
 
@@ -83,25 +84,22 @@ geometry g;  // set once in main, before any benchmark is registered
 // The three region sizes the subtests work on.
 size_t whole() { return g.cache_size; }                       // one cache size
 size_t twice() { return size_t{2} * g.cache_size; }           // twice the cache
-size_t half() { return size_t{4} * (g.cache_size / 8); }      // the half-cache region
+size_t half() { return march_region_bytes(g.cache_size); }    // the half-cache region
 
-// ---- Plain volatile accesses of the reference loops ----------------------
-
-template <typename T>
-struct __attribute__((packed)) cell {
-    T value;
-};
+// ---- Accesses of the reference loops ---------------------------------------
+// The program's own access helpers: one volatile access each, exactly what
+// the subtests make, so a ratio compares loops and not access kinds.
 
 template <typename T>
 inline T ld(const char *p)
 {
-    return reinterpret_cast<const volatile cell<T> *>(p)->value;
+    return l2_load<T>(p);
 }
 
 template <typename T>
 inline void st(char *p, T v)
 {
-    reinterpret_cast<volatile cell<T> *>(p)->value = v;
+    l2_store<T>(p, v);
 }
 
 // op(base + k * pitch) for k = 0 .. count - 1, eight per loop turn.
