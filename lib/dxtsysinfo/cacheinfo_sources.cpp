@@ -67,13 +67,17 @@ cache_desc read_sysfs_entry(const std::string &entry)
             read_number(entry + "coherency_line_size"), read_number(entry + "ways_of_associativity")};
 }
 
-// The entry's shared_cpu_list in canonical form, "" when it says nothing.
+// The processors sharing the entry's cache, in canonical form; "" when the
+// kernel says nothing. Some older kernels write a shared_cpu_list that
+// disagrees with shared_cpu_map (a Bulldozer module lists "0" but maps 0x3);
+// the map is then right, as topology libraries also take it.
 std::string read_shared_list(const std::string &entry)
 {
-    std::vector<int> cpus;
-    if (!parse_cpu_list(read_line(entry + "shared_cpu_list"), &cpus))
-        return "";
-    return format_cpu_list(cpus);
+    std::vector<int> listed, mapped;
+    bool list_read = parse_cpu_list(read_line(entry + "shared_cpu_list"), &listed);
+    if (parse_cpu_map(read_line(entry + "shared_cpu_map"), &mapped))
+        return format_cpu_list(mapped);
+    return list_read ? format_cpu_list(listed) : "";
 }
 
 bool is_power_of_two(uint32_t value)
@@ -165,6 +169,30 @@ bool parse_cpu_list(const std::string &text, std::vector<int> *cpus)
     }
     std::sort(cpus->begin(), cpus->end());
     cpus->erase(std::unique(cpus->begin(), cpus->end()), cpus->end());
+    return !cpus->empty();
+}
+
+bool parse_cpu_map(const std::string &text, std::vector<int> *cpus)
+{
+    cpus->clear();
+    // Hexadecimal, most significant group first, groups split by commas.
+    int bit = 0;
+    for (size_t i = text.size(); i-- > 0;) {
+        char c = text[i];
+        if (c == ',' || (c == '\n' && i + 1 == text.size()))
+            continue;
+        int digit = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                                                   : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+        if (digit < 0 || bit >= MAX_PROCESSOR_ID) {
+            cpus->clear();
+            return false;
+        }
+        for (int k = 0; k < 4; k++)
+            if ((digit >> k) & 1)
+                cpus->push_back(bit + k);
+        bit += 4;
+    }
+    std::sort(cpus->begin(), cpus->end());
     return !cpus->empty();
 }
 

@@ -106,6 +106,9 @@ uint32_t parse_cache_size(const char *text);
 // Processor lists in the kernel's form ("0-3,8,10-11"): the processors in
 // ascending order without repeats; false for a malformed or empty text.
 bool parse_cpu_list(const std::string &text, std::vector<int> *cpus);
+// A processor mask in the kernel's form ("00000000,00000003"): the
+// processors whose bits are set; false for a malformed or empty mask.
+bool parse_cpu_map(const std::string &text, std::vector<int> *cpus);
 // The processors the kernel lists in <cpu_root>/online; false when it
 // cannot be read.
 bool online_processors(const char *cpu_root, std::vector<int> *cpus);

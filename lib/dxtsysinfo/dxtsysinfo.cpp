@@ -191,15 +191,11 @@ int dxt_tlib_get_cpu_cacheinfo(int cpu_id, uint32_t **record)
     return entry->result;
 }
 
-// The vendor is the machine's: leaf 0 reads the same on every processor.
+// The vendor is the machine's: leaf 0 reads the same on every processor,
+// so it comes from CPUID alone, whatever sysfs lists.
 int dxt_tlib_get_x86_vendor(int cpu_id)
 {
-    {
-        std::lock_guard<std::mutex> hold(records_lock);
-        if (!processor_exists(cpu_id))
-            return 0;
-    }
-    return vendor_of_leaf0(run_cpuid(0, 0));
+    return cpu_id < 0 ? 0 : vendor_of_leaf0(run_cpuid(0, 0));
 }
 
 const char *dxt_tlib_get_init_errmsg(void)

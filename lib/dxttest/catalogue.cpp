@@ -20,7 +20,7 @@ namespace {
     X(MSG_RUN_START, "Second-level cache test started")                                                               \
     X(MSG_PASS_COUNT, "Passes per subtest: %u", 0u)                                                                   \
     X(MSG_WRRDVR_START, "Write/Read/Verify test started")                                                             \
-    X(MSG_RUN_END, "Second-level cache test finished: every processor passed")                                        \
+    X(MSG_RUN_END, "Second-level cache test finished: no worker failed")                                        \
     X(MSG_SWAP_START, "Random Swap test started")                                                                     \
     X(MSG_SWAP_END, "Random Swap test finished")                                                                      \
     X(MSG_ROW_MARCH_START, "March with row striding started")                                                         \
@@ -105,9 +105,66 @@ constexpr struct {
     {0x1000, "Random Offset"},
 };
 
+// The sub-options the test takes, with their usage lines; those without a
+// text are accepted for compatibility only and share one line.
+constexpr struct {
+    const char *keyword;
+    const char *form;
+    const char *what;
+} suboptions[] = {
+    {"count", "count=N", "passes of every subtest, 1 to 1024 (default 8)"},
+    {"test_mask", "test_mask=N", "decimal sum of the subtests to run (default 1048575, all):"},
+    {"dev", "dev=tarnel", "the device; any other value is refused"},
+    {"cpc", "cpc=Enabled|Disabled", "accepted; performance counters stay off"},
+    {"tag", "tag=N", nullptr},
+    {"march_window", "march_window=N", nullptr},
+    {"march_al", "march_al=N", nullptr},
+    {"march_pats", "march_pats=N", nullptr},
+    {"l1cache_write_policy", "l1cache_write_policy=N", nullptr},
+};
+
+bool taken(std::string_view keyword)
+{
+    for (const auto &option : suboptions)
+        if (keyword == option.keyword)
+            return true;
+    return false;
+}
+
 }  // namespace
 
 std::span<const subtest> subtests() { return sequence; }
+
+int32_t subtest_bits()
+{
+    int32_t bits = 0;
+    for (const subtest &s : sequence)
+        bits |= s.mask_bit;
+    return bits;
+}
+
+std::string silently_refused(std::string_view subopts)
+{
+    // Items end at a comma, as the parser splits them; a keyword ends at '='.
+    std::string unknown;
+    int empty = 0;
+    while (!subopts.empty()) {
+        size_t comma = subopts.find(',');
+        std::string_view item = subopts.substr(0, comma);
+        subopts = comma == std::string_view::npos ? std::string_view() : subopts.substr(comma + 1);
+        std::string_view keyword = item.substr(0, item.find('='));
+        if (item.empty())
+            empty++;
+        else if (!taken(keyword))
+            unknown += (unknown.empty() ? "\"" : ", \"") + std::string(keyword) + "\"";
+    }
+    std::string said;
+    if (!unknown.empty())
+        said = "; not sub-options of this test: " + unknown;
+    if (empty > 0)
+        said += "; " + std::to_string(empty) + (empty == 1 ? " empty item" : " empty items");
+    return said;
+}
 
 int subtest_started_by(int number)
 {
@@ -171,22 +228,29 @@ std::string usage_details(const char *options_text)
         "\n      --json     one JSON object per line on standard output instead of text"
         "\n  -h, --help     show this usage and exit"
         "\n      --version  show the test's version and exit"
-        "\nsub-options:"
-        "\n  count=N        passes of every subtest, 1 to 1024 (default 8)"
-        "\n  test_mask=N    decimal sum of the subtests to run (default 1048575, all):";
-    for (const auto &bit : mask_bits) {
-        char line[128];
-        snprintf(line, sizeof line, "\n%17s%5d  %s", "", static_cast<int>(bit.bit), bit.what);
+        "\nsub-options:";
+    std::string compatible;
+    for (const auto &option : suboptions) {
+        if (option.what == nullptr) {
+            compatible += (compatible.empty() ? "\n  " : ", ") + std::string(option.form);
+            continue;
+        }
+        char line[160];
+        size_t form = strlen(option.form);
+        snprintf(line, sizeof line, "\n  %-15s%s%s", option.form, form < 15 ? "" : "\n                 ", option.what);
         details += line;
+        if (strcmp(option.keyword, "test_mask") != 0)
+            continue;
+        for (const auto &bit : mask_bits) {
+            snprintf(line, sizeof line, "\n%17s%5d  %s", "", static_cast<int>(bit.bit), bit.what);
+            details += line;
+        }
     }
-    details +=
-        "\n  dev=tarnel     the device; any other value is refused"
-        "\n  cpc=Enabled|Disabled"
-        "\n                 accepted; performance counters stay off"
-        "\n  tag=N, march_window=N, march_al=N, march_pats=N, l1cache_write_policy=N"
+    details += compatible +
         "\n                 accepted for compatibility; no subtest reads them"
         "\nexit status: 0 passed, 1 a fault was found, 2 usage error or rejected sub-options,"
-        "\n             3 the run could not test, 128+N interrupted by signal N"
+        "\n             3 the run could not test (a processor left untested, no subtest"
+        "\n             selected, lost output), 128+N interrupted by signal N"
         "\nWith --json the last line is the verdict record; see tarneltest(1).";
     return details;
 }

@@ -50,6 +50,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sched.h>
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -81,6 +82,7 @@ int output_fd = STDOUT_FILENO;
 const char *options_text = "";
 timespec started;
 std::string subopts;  // the parser's text; it may keep pointers into it
+std::string given_options;  // the -o text as given, for the verdict
 int32_t test_mask = dxt::all_subtests;
 
 // What test_init learned before the run; never freed, since workers may
@@ -103,6 +105,15 @@ std::mutex output_lock;
 std::atomic<bool> ending{false};
 // test_end gave the pass verdict; guarded by output_lock.
 bool passed = false;
+
+// Processors the run meant to test but did not, learned from the program's
+// own reports: 4006 (its worker was never created; the message names the
+// worker table's entry, filled like machine->tested) and 4003 (its worker
+// could not be bound to it). Appended under lost_lock, read lock free.
+constexpr int max_lost = 4096;
+std::mutex lost_lock;
+dxt::left_out_processor lost[max_lost];
+std::atomic<int> lost_count{0};
 static_assert(std::atomic<bool>::is_always_lock_free, "the signal handlers need a lock-free flag");
 
 // The subtest a worker thread announced last, found by its kernel id. Lock
@@ -129,20 +140,46 @@ std::atomic<bool> progress_shown{false};  // a progress line is on the screen
 int terminal_columns = 80;
 constexpr std::string_view clear_line = "\r\033[K";
 
-void write_all(int fd, const char *data, size_t length)
+// 0, or the error that stopped the write. Async-signal-safe.
+int write_all(int fd, const char *data, size_t length)
 {
     while (length > 0) {
         ssize_t n = write(fd, data, length);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
-            return;
+            return n < 0 ? errno : EIO;
         data += n;
         length -= static_cast<size_t>(n);
     }
+    return 0;
 }
 
-void write_text(int fd, const dxt::text_buffer &text) { write_all(fd, text.data, text.length); }
+const char *name_of_test() { return test_name != nullptr ? test_name : "the test"; }
+
+// A run whose output was lost (a full disk, a closed descriptor) showed
+// nobody what it found, so it cannot pass: said once on standard error, and
+// a passing exit status becomes could-not-test. Async-signal-safe.
+std::atomic<bool> output_lost{false};
+
+void note_lost_output(int error)
+{
+    if (output_lost.exchange(true))
+        return;
+    const char *why = strerrordesc_np(error);
+    dxt::line_buffer text;
+    dxt::put(text, name_of_test());
+    dxt::put(text, ": cannot write standard output (");
+    dxt::put(text, why != nullptr ? why : "unknown error");
+    dxt::put(text, "): the run's output is lost, so it cannot pass (exit status 3 unless a fault is found)\n");
+    write_all(STDERR_FILENO, text.data, text.length);
+}
+
+void write_text(int fd, const dxt::text_buffer &text)
+{
+    if (int error = write_all(fd, text.data, text.length))
+        note_lost_output(error);
+}
 
 long long now_seconds()
 {
@@ -169,6 +206,8 @@ long long elapsed_ms()
 // the workers still in the process for leaked threads). Async-signal-safe.
 [[noreturn]] void exit_now(int status)
 {
+    if (status == dxt::exit_passed && output_lost.load())
+        status = dxt::exit_could_not_test;
     for (;;)
         syscall(SYS_exit_group, status);
 }
@@ -182,11 +221,21 @@ long long elapsed_ms()
 
 std::string_view view(const dxt::text_buffer &b) { return {b.data, b.length}; }
 
-const char *name_of_test() { return test_name != nullptr ? test_name : "the test"; }
-
-void put_status_reason(dxt::text_buffer &text, const char *reason, int status)
+// The verdict's sentence: the reason, the processors that failed, the status.
+void put_status_reason(dxt::text_buffer &text, std::string_view reason, int status,
+                       std::span<const dxt::failure_site> failures = {})
 {
     dxt::put(text, reason);
+    for (size_t i = 0, named = 0; i < failures.size(); i++) {
+        int cpu = failures[i].cpu;
+        bool seen = cpu < 0;
+        for (size_t j = 0; j < i && !seen; j++)
+            seen = failures[j].cpu == cpu;
+        if (seen)
+            continue;
+        dxt::put(text, named++ == 0 ? " on cpu" : ", cpu");
+        dxt::put_int(text, cpu);
+    }
     dxt::put(text, " (exit status ");
     dxt::put_int(text, status);
     dxt::put(text, ")");
@@ -216,6 +265,39 @@ void draw_progress()
     write_all(output_fd, clear_line.data(), clear_line.size());
     write_text(output_fd, text);
     progress_shown = true;
+}
+
+void note_lost_processor(int number, int value)
+{
+    int cpu = value;
+    const char *reason = "not-bound";
+    int entry = -1;
+    if (number == MSG_THREAD_CREATE_FAILED) {
+        if (machine == nullptr || value < 0 || static_cast<size_t>(value) >= machine->tested.size())
+            return;
+        cpu = machine->tested[static_cast<size_t>(value)];
+        reason = "thread-not-created";
+        entry = value;
+    }
+    std::lock_guard<std::mutex> hold(lost_lock);
+    int n = lost_count.load();
+    for (int i = 0; i < n; i++)
+        if (lost[i].cpu == cpu)
+            return;
+    if (n < max_lost) {
+        lost[n] = {cpu, reason, entry};
+        lost_count.store(n + 1);
+    }
+}
+
+bool on_main_thread() { return gettid() == getpid(); }
+
+// A verdict with what every verdict of this run carries.
+dxt::verdict_record run_record(long long time, int status, const dxt::text_buffer &text, int cpu,
+                               std::span<const dxt::failure_site> failures, const dxt::corrected_check &corrected)
+{
+    return {time, status, elapsed_ms(), view(text), cpu, machine, failures, corrected, host_name,
+            {lost, static_cast<size_t>(lost_count.load())}, given_options, dxt_test_version};
 }
 
 worker_progress *progress_of(int tid)
@@ -351,9 +433,9 @@ void put_verdict(dxt::text_buffer &out, const dxt::verdict_record &record)
     std::vector<dxt::failure_site> failures =
         m.number == MSG_WORKERS_FAILED ? failed_workers() : std::vector<dxt::failure_site>{own_failure(m.number)};
     dxt::line_buffer reason;
-    put_status_reason(reason, dxt::verdict_reason(status), status);
-    dxt::verdict_record record{m.time, status, elapsed_ms(), view(reason), m.cpu,
-                               machine, failures, check_corrected_errors(), host_name};
+    put_status_reason(reason, dxt::verdict_reason(status), status, failures);
+    dxt::verdict_record record =
+        run_record(m.time, status, reason, m.main_thread ? -1 : m.cpu, failures, check_corrected_errors());
     std::vector<char> storage(dxt::line_capacity + dxt::verdict_room(record));
     dxt::text_buffer out{storage.data(), storage.size()};
     dxt::put_message_line(out, m, display.json);
@@ -363,7 +445,7 @@ void put_verdict(dxt::text_buffer &out, const dxt::verdict_record &record)
 
 void show_message(int exit_flag, int level, const char *tag, int number, std::string_view text)
 {
-    dxt::message_fields m{now_seconds(), level, sched_getcpu(), tag, number, exit_flag, text};
+    dxt::message_fields m{now_seconds(), level, sched_getcpu(), on_main_thread(), tag, number, exit_flag, text};
     if (exit_flag != 0)
         end_run(m);
     dxt::line_buffer line;
@@ -388,15 +470,15 @@ void show_usage(int (*usage)(void))
 {
     std::string text = std::string(program) + ": " + what + "\n";
     write_all(STDERR_FILENO, text.data(), text.size());
+    given_options.clear();  // the record names them in its text
     int out_fd = output_fd;
     output_fd = STDERR_FILENO;
     show_usage(usage);
     if (display.json) {
         // Nothing was tested: the record says only what was wrong.
         dxt::line_buffer reason;
-        put_status_reason(reason, what.c_str(), dxt::exit_usage);
-        dxt::verdict_record record{now_seconds(), dxt::exit_usage, elapsed_ms(), view(reason), sched_getcpu(),
-                                   nullptr, {}, {}, host_name};
+        put_status_reason(reason, what, dxt::exit_usage);
+        dxt::verdict_record record = run_record(now_seconds(), dxt::exit_usage, reason, -1, {}, {});
         std::vector<char> storage(dxt::verdict_room(record));
         dxt::text_buffer out{storage.data(), storage.size()};
         dxt::put_verdict_record(out, record);
@@ -443,11 +525,16 @@ void prepare_run()
         show_debug(note);
 
     dxt::failure_site one;
-    dxt::verdict_record largest{0, 0, 0, {}, 0, machine, {&one, 1}, {}, host_name};
+    dxt::line_buffer no_text;
+    dxt::verdict_record largest = run_record(0, 0, no_text, 0, {&one, 1}, {});
+    largest.lost = {lost, std::min(machine->tested.size(), static_cast<size_t>(max_lost))};
     signal_capacity = dxt::line_capacity + dxt::verdict_room(largest);
     signal_storage = new char[signal_capacity];
 
-    progress_on = display.quiet && !display.json && isatty(output_fd) == 1;
+    // A dumb terminal cannot move back to the start of a line.
+    const char *term = getenv("TERM");
+    progress_on = display.quiet && !display.json && isatty(output_fd) == 1 &&
+                  !(term != nullptr && strcmp(term, "dumb") == 0);
     winsize size;
     if (progress_on && ioctl(output_fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
         terminal_columns = size.ws_col;
@@ -490,21 +577,37 @@ pthread_t waiter;
 bool waiter_running;
 std::atomic<bool> waiter_stopping{false};
 
+// An interrupt ignored when the process started (nohup, a script's
+// background job) stays ignored: the run was meant to outlive it.
+sigset_t ignored_at_start;
+
+void note_ignored_interrupts()
+{
+    sigemptyset(&ignored_at_start);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction current;
+        if (sigaction(sig, nullptr, &current) == 0 && (current.sa_flags & SA_SIGINFO) == 0 &&
+            current.sa_handler == SIG_IGN)
+            sigaddset(&ignored_at_start, sig);
+    }
+}
+
 // The interrupts arrive here, on a thread of their own, so the verdict can
 // read the corrected-error counters like any other.
 void *wait_for_interrupts(void *)
 {
     sigset_t set = interrupt_signals();
     int sig = 0;
-    while (sigwait(&set, &sig) != 0) {
+    // Blocked, an ignored signal still arrives here (the kernel keeps a
+    // blocked signal whatever its action): it is dropped.
+    while (sigwait(&set, &sig) != 0 || (!waiter_stopping.load() && sigismember(&ignored_at_start, sig) == 1)) {
     }
     if (waiter_stopping.load())
         return nullptr;
     int status = dxt::exit_signal_base + sig;
     dxt::line_buffer reason;
     put_interrupt_reason(reason, sig);
-    dxt::verdict_record record{now_seconds(), status, elapsed_ms(), view(reason), sched_getcpu(),
-                               machine, {}, check_corrected_errors(), host_name};
+    dxt::verdict_record record = run_record(now_seconds(), status, reason, -1, {}, check_corrected_errors());
     std::vector<char> storage(dxt::verdict_room(record));
     dxt::text_buffer out{storage.data(), storage.size()};
     put_verdict(out, record);
@@ -540,7 +643,7 @@ void on_interrupt(int sig, siginfo_t *, void *)
     put_interrupt_reason(reason, sig);
     dxt::line_buffer fallback;
     dxt::text_buffer out = signal_buffer(fallback);
-    put_verdict(out, {now_seconds(), status, elapsed_ms(), view(reason), sched_getcpu(), machine, {}, {}, host_name});
+    put_verdict(out, run_record(now_seconds(), status, reason, -1, {}, {}));
     clear_progress();
     write_text(output_fd, out);
     exit_now(status);
@@ -566,17 +669,18 @@ void on_bus_error(int, siginfo_t *info, void *)
 
     dxt::failure_site site;
     site.cpu = cpu;
-    site.subtests = subtests_of(own_progress, gettid() == getpid(), false, 0);
+    bool main_thread = on_main_thread();
+    site.subtests = subtests_of(own_progress, main_thread, false, 0);
     site.address_known = true;
     site.address = reinterpret_cast<uintptr_t>(info->si_addr);
     dxt::line_buffer reason;
-    put_status_reason(reason, dxt::verdict_reason(dxt::exit_fault_found), dxt::exit_fault_found);
+    put_status_reason(reason, dxt::verdict_reason(dxt::exit_fault_found), dxt::exit_fault_found, {&site, 1});
 
     dxt::line_buffer fallback;
     dxt::text_buffer out = signal_buffer(fallback);
-    dxt::put_message_line(out, {time, LVL_FATAL, cpu, nullptr, MSG_FREE_TEXT, DXT_FATAL, view(text)}, display.json);
-    put_verdict(out,
-                {time, dxt::exit_fault_found, elapsed_ms(), view(reason), cpu, machine, {&site, 1}, {}, host_name});
+    dxt::put_message_line(out, {time, LVL_FATAL, cpu, main_thread, nullptr, MSG_FREE_TEXT, DXT_FATAL, view(text)},
+                          display.json);
+    put_verdict(out, run_record(time, dxt::exit_fault_found, reason, cpu, {&site, 1}, {}));
     clear_progress();
     write_text(output_fd, out);
     exit_now(dxt::exit_fault_found);
@@ -617,8 +721,20 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
             program = slash + 1;
     }
 
+    // A closed standard output would be taken over by the next file opened;
+    // /dev/null keeps its place, and the run knows its output is lost.
+    if (fcntl(STDOUT_FILENO, F_GETFD) == -1 && errno == EBADF) {
+        int fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (fd >= 0 && fd != STDOUT_FILENO) {
+            dup2(fd, STDOUT_FILENO);
+            close(fd);
+        }
+        note_lost_output(EBADF);
+    }
+
     dxt::command_line line = dxt::parse_command_line(argc, argv);
     display = line.display;
+    given_options = line.subopts;
     switch (line.action) {
     case dxt::command_action::error:
         refuse(program, line.error, usage);
@@ -635,7 +751,10 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
     if (parser != nullptr) {
         subopts = line.subopts;
         if (parser(subopts.data()) == 0)
-            refuse(program, "the sub-options \"" + line.subopts + "\" were not all accepted", usage);
+            refuse(program,
+                   "the sub-options \"" + line.subopts + "\" were not all accepted" +
+                       dxt::silently_refused(line.subopts),
+                   usage);
     }
     test_mask = dxt::selected_test_mask(line.subopts);
     prepare_run();
@@ -646,15 +765,16 @@ void dxt_test_async_handler(int)
 {
     // Blocked here, before the workers exist, so that every thread
     // inherits the mask and only the waiting thread takes them.
+    note_ignored_interrupts();
     sigset_t set = interrupt_signals();
     if (pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0 &&
         pthread_create(&waiter, nullptr, wait_for_interrupts, nullptr) == 0) {
         waiter_running = true;
     } else {
         pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-        install(SIGINT, on_interrupt);
-        install(SIGTERM, on_interrupt);
-        install(SIGHUP, on_interrupt);
+        for (int sig : {SIGINT, SIGTERM, SIGHUP})
+            if (sigismember(&ignored_at_start, sig) != 1)
+                install(sig, on_interrupt);
     }
     install(SIGBUS, on_bus_error);
 }
@@ -666,6 +786,12 @@ void trace_after(int) { trace("leaving "); }
 int dxt_message(int exit_flag, int level, const char *tag, int number, ...)
 {
     note_progress(number);
+    if (number == MSG_THREAD_CREATE_FAILED || number == MSG_BIND_FAILED) {
+        va_list args;
+        va_start(args, number);
+        note_lost_processor(number, va_arg(args, int));
+        va_end(args);
+    }
     if (exit_flag == 0 && !dxt::level_shown(display, level, number))
         return 0;
     char text[dxt::text_capacity];
@@ -677,18 +803,51 @@ int dxt_message(int exit_flag, int level, const char *tag, int number, ...)
     return 0;
 }
 
+// A run passes only when it tested what it was asked to: every usable
+// processor, with at least one subtest.
 int test_end(void)
 {
-    dxt::line_buffer reason;
-    dxt::put(reason, name_of_test());
-    dxt::put(reason, " passed in ");
     long long elapsed = elapsed_ms();
-    dxt::put_elapsed(reason, elapsed);
-    dxt::verdict_record record{now_seconds(), dxt::exit_passed, elapsed, view(reason), sched_getcpu(),
-                               machine, {}, check_corrected_errors(), host_name};
+    int status = dxt::exit_could_not_test;
+    int lost_now = lost_count.load();
+    dxt::line_buffer reason;
+    if (lost_now > 0) {
+        dxt::put(reason, "not every processor was tested: left out ");
+        for (int i = 0; i < lost_now; i++) {
+            dxt::put(reason, i > 0 ? ", cpu" : "cpu");
+            dxt::put_int(reason, lost[i].cpu);
+            dxt::put(reason, " (");
+            dxt::put(reason, lost[i].reason);
+            dxt::put(reason, ")");
+        }
+        std::vector<int> passed_cpus;
+        for (int cpu : machine->tested) {
+            bool left_out = false;
+            for (int i = 0; i < lost_now; i++)
+                left_out = left_out || lost[i].cpu == cpu;
+            if (!left_out)
+                passed_cpus.push_back(cpu);
+        }
+        dxt::put(reason, passed_cpus.empty() ? "; no processor was tested" : "; tested and passed: cpus ");
+        dxt::put_cpu_list(reason, passed_cpus);
+    } else if ((test_mask & dxt::subtest_bits()) == 0) {
+        dxt::put(reason, "test_mask ");
+        dxt::put_int(reason, test_mask);
+        dxt::put(reason, " selects no subtest: nothing was tested");
+    } else {
+        status = dxt::exit_passed;
+        dxt::put(reason, name_of_test());
+        dxt::put(reason, " passed in ");
+        dxt::put_elapsed(reason, elapsed);
+    }
+    if (status != dxt::exit_passed)
+        put_status_reason(reason, "", status);
+    dxt::verdict_record record = run_record(now_seconds(), status, reason, -1, {}, check_corrected_errors());
     std::vector<char> storage(dxt::verdict_room(record));
     dxt::text_buffer out{storage.data(), storage.size()};
     put_verdict(out, record);
+    if (status != dxt::exit_passed)
+        write_last(out, status);
     {
         std::lock_guard<std::mutex> hold(output_lock);
         if (ending.load())
@@ -698,6 +857,8 @@ int test_end(void)
         passed = true;
     }
     stop_waiter();
+    if (output_lost.load())
+        end_process(dxt::exit_could_not_test);
     return 0;
 }
 

@@ -71,7 +71,8 @@ void put_cpu_list(text_buffer &line, std::span<const int> ids);
 struct message_fields {
     long long time;      // seconds since the epoch
     int level;
-    int cpu;             // -1: unknown
+    int cpu;             // -1: unknown, or the main thread
+    bool main_thread;    // shown as "main" instead of a processor
     const char *tag;     // nullptr: none
     int number;
     int exit_flag;
@@ -82,9 +83,7 @@ void put_message_line(text_buffer &line, const message_fields &m, bool json);
 // The closing line of a text run (the JSON form is the verdict record).
 struct verdict_fields {
     long long time;
-    int cpu;
     const char *verdict;  // "PASS", "FAIL", ...
-    int exit_status;
     std::string_view text;
 };
 void put_verdict_line(text_buffer &line, const verdict_fields &v);
@@ -126,6 +125,12 @@ int subtest_ending_with(int number);
 // the last test_mask item with a value, else all subtests.
 int32_t selected_test_mask(std::string_view subopts);
 constexpr int32_t all_subtests = 0xFFFFF;
+// The bits of test_mask that select a subtest.
+int32_t subtest_bits();
+// What the usage error adds about the items of an unaccepted sub-option
+// text that the parser refuses without a message of its own: empty items
+// and keywords the test does not take. "" when there are none.
+std::string silently_refused(std::string_view subopts);
 
 // The exit status a message with a non-zero exit flag ends the run with, and
 // the verdict word and sentence for an exit status.

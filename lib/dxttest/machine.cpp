@@ -22,7 +22,7 @@ void scan_configured(machine_description &m)
         if (p_online(static_cast<int>(cpu), P_STATUS) == P_ONLINE)
             m.tested.push_back(static_cast<int>(cpu));
         else
-            m.left_out.push_back({static_cast<int>(cpu), false});
+            m.left_out.push_back({static_cast<int>(cpu), "offline"});
     }
 }
 
@@ -46,7 +46,7 @@ machine_description describe_machine()
             if (p_online(p.id, P_STATUS) == P_ONLINE)
                 m.tested.push_back(p.id);
             else
-                m.left_out.push_back({p.id, p.online != 0});
+                m.left_out.push_back({p.id, p.online != 0 ? "not-allowed" : "offline"});
         }
     }
     for (int cpu : m.tested) {

@@ -282,7 +282,8 @@ void put_message_line(text_buffer &line, const message_fields &m, bool json)
             put_int(line, m.level);
         }
         put(line, "\",\"cpu\":");
-        put_cpu(line, m.cpu, true);
+        put_cpu(line, m.main_thread ? -1 : m.cpu, true);
+        put(line, m.main_thread ? ",\"thread\":\"main\"" : ",\"thread\":\"worker\"");
         put(line, ",\"tag\":");
         if (m.tag != nullptr)
             put_json_string(line, m.tag);
@@ -311,8 +312,12 @@ void put_message_line(text_buffer &line, const message_fields &m, bool json)
         put(line, "LEVEL");
         put_int(line, m.level);
     }
-    put(line, " cpu");
-    put_cpu(line, m.cpu, false);
+    if (m.main_thread) {
+        put(line, " main");
+    } else {
+        put(line, " cpu");
+        put_cpu(line, m.cpu, false);
+    }
     if (m.tag != nullptr) {
         put(line, " [");
         put(line, m.tag);
@@ -334,9 +339,7 @@ void put_message_line(text_buffer &line, const message_fields &m, bool json)
 void put_verdict_line(text_buffer &line, const verdict_fields &v)
 {
     put_utc_time(line, v.time);
-    put(line, " VERDICT cpu");
-    put_cpu(line, v.cpu, false);
-    put_char(line, ' ');
+    put(line, " VERDICT ");
     put(line, v.verdict);
     put(line, ": ");
     put(line, v.text.substr(0, text_capacity));

@@ -153,31 +153,76 @@ void start_summary_line(text_buffer &out, long long time)
     put(out, " SUMMARY ");
 }
 
+bool was_lost(const verdict_record &r, int cpu)
+{
+    for (const left_out_processor &p : r.lost)
+        if (p.cpu == cpu)
+            return true;
+    return false;
+}
+
+// Every processor left out, before the run and during it, with its reason.
+template <typename F>
+void each_left_out(const verdict_record &r, F visit)
+{
+    for (const left_out_processor &p : r.machine->left_out)
+        visit(p);
+    for (const left_out_processor &p : r.lost)
+        visit(p);
+}
+
+constexpr const char *left_out_reasons[] = {"offline", "not-allowed", "thread-not-created", "not-bound"};
+
+const char *reason_text(const char *reason)
+{
+    if (same_text(reason, "offline"))
+        return " (offline)";
+    if (same_text(reason, "not-allowed"))
+        return " (outside the allowed CPU set)";
+    if (same_text(reason, "not-bound"))
+        return " (its worker could not be bound to it)";
+    return " (its worker thread was not created)";
+}
+
 void put_processor_lines(text_buffer &out, const verdict_record &r)
 {
     const machine_description &m = *r.machine;
     start_summary_line(out, r.time);
+    if (!r.version.empty()) {
+        put(out, "version ");
+        put(out, r.version);
+        put(out, ", ");
+    }
+    put(out, "sub-options \"");
+    put(out, r.options);
+    put(out, "\"\n");
+
+    start_summary_line(out, r.time);
     put(out, "processors tested: ");
-    if (m.tested.empty())
+    list_writer tested{out};
+    for (int cpu : m.tested)
+        if (!was_lost(r, cpu))
+            tested.add(cpu);
+    tested.flush();
+    if (!tested.any)
         put(out, "none");
-    put_cpu_list(out, m.tested);
     put(out, "; left out: ");
-    if (m.left_out.empty())
+    if (m.left_out.empty() && r.lost.empty())
         put(out, "none");
     bool first_group = true;
-    for (bool online : {false, true}) {
+    for (const char *reason : left_out_reasons) {
         list_writer ids{out};
-        for (const left_out_processor &p : m.left_out) {
-            if (p.online != online)
-                continue;
+        each_left_out(r, [&](const left_out_processor &p) {
+            if (!same_text(p.reason, reason))
+                return;
             if (ids.first < 0 && !ids.any && !first_group)
                 put(out, ", ");
             first_group = false;
             ids.add(p.cpu);
-        }
+        });
         ids.flush();
         if (ids.any)
-            put(out, online ? " (outside the allowed CPU set)" : " (offline)");
+            put(out, reason_text(reason));
     }
     put(out, "\n");
 
@@ -377,7 +422,8 @@ size_t verdict_room(const verdict_record &r)
 {
     // Escaping makes a character at most six bytes; the fixed keys and
     // numbers fit in the constant parts.
-    size_t room = 4096 + 6 * (r.text.size() + r.host.size());
+    size_t room = 4096 + 6 * (r.text.size() + r.host.size() + r.options.size() + r.version.size()) +
+                  96 * r.lost.size();
     if (r.machine != nullptr) {
         room += 16 * r.machine->tested.size() + 80 * r.machine->left_out.size();
         for (const l2_geometry &g : r.machine->l2)
@@ -411,22 +457,45 @@ void put_verdict_record(text_buffer &out, const verdict_record &r)
         put_int(out, r.cpu);
     else
         put(out, "null");
+    put(out, r.cpu >= 0 ? ",\"thread\":\"worker\"" : ",\"thread\":\"main\"");
+    put_json_text_member(out, "options", r.options);
+    put_json_text_member(out, "version", r.version);
 
     put(out, ",\"tested_cpus\":[");
+    bool any = false;
     if (r.machine != nullptr)
-        for (size_t i = 0; i < r.machine->tested.size(); i++) {
-            if (i > 0)
-                put(out, ",");
-            put_int(out, r.machine->tested[i]);
+        for (int cpu : r.machine->tested) {
+            if (was_lost(r, cpu))
+                continue;
+            put(out, any ? "," : "");
+            put_int(out, cpu);
+            any = true;
         }
     put(out, "],\"left_out_cpus\":[");
+    any = false;
     if (r.machine != nullptr)
-        for (size_t i = 0; i < r.machine->left_out.size(); i++) {
-            const left_out_processor &p = r.machine->left_out[i];
-            put(out, i > 0 ? ",{\"cpu\":" : "{\"cpu\":");
+        each_left_out(r, [&](const left_out_processor &p) {
+            put(out, any ? ",{\"cpu\":" : "{\"cpu\":");
             put_int(out, p.cpu);
-            put(out, p.online ? ",\"reason\":\"not-allowed\"}" : ",\"reason\":\"offline\"}");
-        }
+            put_json_text_member(out, "reason", p.reason);
+            if (p.entry >= 0)
+                put_json_int_member(out, "entry", p.entry);
+            put(out, "}");
+            any = true;
+        });
+    put(out, "],\"failed_cpus\":[");
+    any = false;
+    for (size_t i = 0; i < r.failures.size(); i++) {
+        int cpu = r.failures[i].cpu;
+        bool seen = cpu < 0;
+        for (size_t j = 0; j < i && !seen; j++)
+            seen = r.failures[j].cpu == cpu;
+        if (seen)
+            continue;
+        put(out, any ? "," : "");
+        put_int(out, cpu);
+        any = true;
+    }
     put(out, "],\"l2\":[");
     if (r.machine != nullptr)
         for (size_t i = 0; i < r.machine->l2.size(); i++) {
@@ -489,7 +558,7 @@ void put_verdict_block(text_buffer &out, const verdict_record &r, bool quiet)
         put_corrected_warning(out, r.corrected);
         put(out, "\n");
     }
-    put_verdict_line(out, {r.time, r.cpu, verdict_word(r.exit_status), r.exit_status, r.text});
+    put_verdict_line(out, {r.time, verdict_word(r.exit_status), r.text});
 }
 
 void put_geometry_text(text_buffer &out, const l2_geometry &g)

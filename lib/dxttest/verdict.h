@@ -40,9 +40,15 @@ struct l2_geometry {
 l2_geometry choose_l2(int cpu, int result, const uint32_t *record, const char *source_of_4,
                       const char *source_of_2, const char *shared_cpus);
 
+// Why a processor was left out: before the run, "offline" or "not-allowed"
+// (outside the process's CPU set); during it, "thread-not-created" (its
+// worker, entry `entry` of the worker table, was never created) or
+// "not-bound" (its worker could not be bound to it, so it ran wherever the
+// scheduler put it).
 struct left_out_processor {
     int cpu;
-    bool online;  // false: offline; true: outside the process's CPU set
+    const char *reason;
+    int entry = -1;
 };
 
 struct machine_description {
@@ -95,11 +101,14 @@ struct verdict_record {
     int exit_status;
     long long elapsed_ms;
     std::string_view text;
-    int cpu;                                // the processor of the thread that ended the run
+    int cpu;                                // the processor of the worker that ended the run; -1: main
     const machine_description *machine;     // nullptr: nothing was tested (usage)
     std::span<const failure_site> failures;
     corrected_check corrected;
     std::string_view host = {};             // the machine's name; empty: unknown
+    std::span<const left_out_processor> lost = {};  // meant to be tested, but were not
+    std::string_view options = {};          // the -o text as given
+    std::string_view version = {};          // the test's version text
 };
 
 // "pass", "fault", "usage", "could-not-test", "interrupted".

@@ -191,15 +191,32 @@ bool parse_cpu_list(const char *text, std::set<int> *ids)
     return false;
 }
 
-int processor_state(const char *cpu_dir, int processor_id, int flag)
+namespace {
+
+// The kernel's lists that decide a processor's state.
+struct processor_lists {
+    bool possible_listed;
+    std::set<int> possible;
+    bool online_listed;
+    std::set<int> online;
+};
+
+processor_lists read_lists(const char *cpu_dir)
+{
+    processor_lists lists;
+    lists.possible_listed = read_cpu_list(std::string(cpu_dir) + "/possible", &lists.possible);
+    lists.online_listed = read_cpu_list(std::string(cpu_dir) + "/online", &lists.online);
+    return lists;
+}
+
+int state_of(const processor_lists &lists, int processor_id, int flag)
 {
     if (flag != P_STATUS || processor_id < 0) {
         errno = EINVAL;
         return -1;
     }
-    std::set<int> possible;
-    bool listed = read_cpu_list(std::string(cpu_dir) + "/possible", &possible);
-    if (listed ? possible.count(processor_id) == 0 : processor_id >= sysconf(_SC_NPROCESSORS_CONF)) {
+    if (lists.possible_listed ? lists.possible.count(processor_id) == 0
+                              : processor_id >= sysconf(_SC_NPROCESSORS_CONF)) {
         errno = EINVAL;
         return -1;
     }
@@ -210,15 +227,23 @@ int processor_state(const char *cpu_dir, int processor_id, int flag)
     CPU_FREE(allowed.set);
     // Without the kernel's online list, the processors the process may run
     // on are the online ones.
-    std::set<int> online;
-    if (read_cpu_list(std::string(cpu_dir) + "/online", &online) && online.count(processor_id) == 0)
+    if (lists.online_listed && lists.online.count(processor_id) == 0)
         return P_OFFLINE;
     return may_run ? P_ONLINE : P_OFFLINE;
 }
 
+}  // namespace
+
+int processor_state(const char *cpu_dir, int processor_id, int flag)
+{
+    return state_of(read_lists(cpu_dir), processor_id, flag);
+}
+
 int p_online(int processor_id, int flag)
 {
-    return processor_state(PLATFORM_CPU_DIR, processor_id, flag);
+    // Read once: a run asks for every possible processor id in turn.
+    static const processor_lists lists = read_lists(PLATFORM_CPU_DIR);
+    return state_of(lists, processor_id, flag);
 }
 
 int processor_bind(int idtype, int id, int processor_id, int *old_binding)

@@ -1,8 +1,12 @@
 #include "fault_model.h"
 
+#include <sched.h>
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <span>
 #include <vector>
 
 #include "fakes.h"
@@ -19,9 +23,38 @@ struct planted {
     int bit;
     int value;
     uintptr_t other;
+    int cpu = -1;  // a fault in one processor's cache shows only there; -1: everywhere
 };
 
-std::vector<planted> faults;
+// The processor whose allocation is being planted in (in_allocation with a
+// processor), for the faults planted meanwhile.
+thread_local int planting_for = -1;
+
+// In a whole run one worker plants while the others access memory: an entry
+// is written in full under plant_lock before the count that publishes it.
+constexpr int max_faults = 64;
+planted planted_faults[max_faults];
+std::atomic<int> fault_count{0};
+std::mutex plant_lock;
+
+std::span<const planted> faults() { return {planted_faults, static_cast<size_t>(fault_count.load())}; }
+
+// Whether a fault shows to the calling thread: a freed block can be handed
+// to another processor's worker at the same address, where this processor's
+// fault does not reach.
+bool shows(const planted &f) { return f.cpu < 0 || f.cpu == sched_getcpu(); }
+
+void plant(const planted &f)
+{
+    std::lock_guard<std::mutex> hold(plant_lock);
+    int n = fault_count.load();
+    if (n < max_faults) {
+        planted_faults[n] = f;
+        planted_faults[n].cpu = planting_for;
+        fault_count.store(n + 1);
+    }
+}
+
 // Atomic: in a whole run several workers access memory at once.
 std::atomic<size_t> load_count;
 std::atomic<size_t> store_count;
@@ -31,16 +64,16 @@ bool in_word(uintptr_t byte, uintptr_t word) { return byte >= word && byte < wor
 
 uintptr_t physical(uintptr_t byte)
 {
-    for (const planted &f : faults)
-        if (f.what == ALIAS && in_word(byte, f.word))
+    for (const planted &f : faults())
+        if (f.what == ALIAS && in_word(byte, f.word) && shows(f))
             return f.other + (byte - f.word);
     return byte;
 }
 
 uint8_t with_stuck_bits(uintptr_t cell, uint8_t value)
 {
-    for (const planted &f : faults) {
-        if (f.what != STUCK || cell != f.word + static_cast<unsigned>(f.bit) / 8)
+    for (const planted &f : faults()) {
+        if (f.what != STUCK || cell != f.word + static_cast<unsigned>(f.bit) / 8 || !shows(f))
             continue;
         uint8_t mask = static_cast<uint8_t>(1u << (f.bit % 8));
         value = f.value != 0 ? (value | mask) : (value & ~mask);
@@ -50,8 +83,8 @@ uint8_t with_stuck_bits(uintptr_t cell, uint8_t value)
 
 bool store_lost(uintptr_t cell)
 {
-    for (const planted &f : faults)
-        if (f.what == LOST && in_word(cell, f.word))
+    for (const planted &f : faults())
+        if (f.what == LOST && in_word(cell, f.word) && shows(f))
             return true;
     return false;
 }
@@ -62,7 +95,7 @@ volatile uint8_t &cell_at(uintptr_t cell) { return *reinterpret_cast<volatile ui
 
 void reset()
 {
-    faults.clear();
+    fault_count = 0;
     load_count = 0;
     store_count = 0;
     watcher = nullptr;
@@ -71,27 +104,30 @@ void reset()
 
 void stuck_at(void *word, int bit, int value)
 {
-    faults.push_back({STUCK, reinterpret_cast<uintptr_t>(word), bit, value, 0});
+    plant({STUCK, reinterpret_cast<uintptr_t>(word), bit, value, 0});
 }
 
-void lost_write(void *word) { faults.push_back({LOST, reinterpret_cast<uintptr_t>(word), 0, 0, 0}); }
+void lost_write(void *word) { plant({LOST, reinterpret_cast<uintptr_t>(word), 0, 0, 0}); }
 
 void alias(void *word, void *other)
 {
-    faults.push_back({ALIAS, reinterpret_cast<uintptr_t>(word), 0, 0, reinterpret_cast<uintptr_t>(other)});
+    plant({ALIAS, reinterpret_cast<uintptr_t>(word), 0, 0, reinterpret_cast<uintptr_t>(other)});
 }
 
 void coupling(void *aggressor, void *victim, int bit)
 {
-    faults.push_back({COUPLING, reinterpret_cast<uintptr_t>(aggressor), bit, 0, reinterpret_cast<uintptr_t>(victim)});
+    plant({COUPLING, reinterpret_cast<uintptr_t>(aggressor), bit, 0, reinterpret_cast<uintptr_t>(victim)});
 }
 
-void in_allocation(int nth, std::function<void(char *, size_t)> plant)
+void in_allocation(int nth, std::function<void(char *, size_t)> plant, int cpu)
 {
     auto seen = std::make_shared<std::atomic<int>>(0);
-    fake::on_memalign([nth, seen, plant](void *block, size_t length) {
-        if ((*seen)++ == nth)
+    fake::on_memalign([nth, seen, plant, cpu](void *block, size_t length) {
+        if ((cpu < 0 || sched_getcpu() == cpu) && (*seen)++ == nth) {
+            planting_for = cpu;
             plant(static_cast<char *>(block), length);
+            planting_for = -1;
+        }
     });
 }
 
@@ -128,8 +164,8 @@ void l2_fault_store(void *addr, unsigned width, uint64_t value)
         if (store_lost(cell))
             continue;
         cell_at(cell) = with_stuck_bits(cell, static_cast<uint8_t>(value >> (8 * i)));
-        for (const planted &f : faults)
-            if (f.what == COUPLING && in_word(cell, f.word))
+        for (const planted &f : faults())
+            if (f.what == COUPLING && in_word(cell, f.word) && shows(f))
                 disturbed.push_back(&f);
     }
     // One flip per store, however many of its bytes hit the aggressor.

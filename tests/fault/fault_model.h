@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <span>
 
 namespace fault {
 
@@ -22,8 +23,10 @@ void alias(void *word, void *other);
 // A store to the aggressor word flips a bit of the victim word.
 void coupling(void *aggressor, void *victim, int bit);
 // Calls `plant` with the nth block (0 = the next) that memalign hands out
-// from now on, so a test can place a fault in a buffer a subtest allocates.
-void in_allocation(int nth, std::function<void(char *block, size_t length)> plant);
+// from now on, so a test can place a fault in a buffer a subtest allocates;
+// with a processor, only blocks allocated by threads running on it count
+// (a bound worker's).
+void in_allocation(int nth, std::function<void(char *block, size_t length)> plant, int cpu = -1);
 // Accesses made through the helpers since reset(), loads and stores.
 size_t loads();
 size_t stores();

@@ -58,10 +58,10 @@ inline std::string read_all(int fd)
 }
 
 // Runs body in a child (no gtest assertion may run there) and sends it
-// SIGTERM once its output holds signal_after. A child (or the program it
+// `sig` (SIGTERM) once its output holds signal_after. A child (or the program it
 // runs) still running after 50 s is ended, failing its case instead of
 // hanging the suite.
-inline outcome in_child(const std::function<int()> &body, const char *signal_after = nullptr)
+inline outcome in_child(const std::function<int()> &body, const char *signal_after = nullptr, int sig = SIGTERM)
 {
     FILE *out_file = tmpfile(), *err_file = tmpfile();
     int out = fileno(out_file), err = fileno(err_file);
@@ -79,7 +79,7 @@ inline outcome in_child(const std::function<int()> &body, const char *signal_aft
     pid_t ended = 0;
     while (signal_after != nullptr && (ended = waitpid(pid, &wstatus, WNOHANG)) == 0) {
         if (read_all(out).find(signal_after) != std::string::npos) {
-            kill(pid, SIGTERM);
+            kill(pid, sig);
             signal_after = nullptr;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));

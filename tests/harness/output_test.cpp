@@ -81,38 +81,42 @@ std::string line_of(const dxt::message_fields &m, bool json)
 
 TEST(MessageLine, TextFormWithEachSeverityWord)
 {
-    EXPECT_EQ(line_of({1795412418, LVL_INFO, 1, "l2cache", 3, 0, "Write/Read/Verify test started"}, false),
+    EXPECT_EQ(line_of({1795412418, LVL_INFO, 1, false, "l2cache", 3, 0, "Write/Read/Verify test started"}, false),
               "2026-11-23T05:40:18Z INFO cpu1 [l2cache] #3 Write/Read/Verify test started\n");
-    EXPECT_EQ(line_of({-1, LVL_FATAL, -1, nullptr, 8011, -1, "failed"}, false),
+    EXPECT_EQ(line_of({-1, LVL_FATAL, -1, false, nullptr, 8011, -1, "failed"}, false),
               "1969-12-31T23:59:59Z FATAL cpu? #8011 failed\n");
     const char *words[] = {"LEVEL0", "FATAL", "FAULT", "ERROR", "LEVEL4", "LEVEL5", "USAGE", "INFO", "DEBUG", "LEVEL9"};
     for (int level = 0; level <= 9; level++)
-        EXPECT_EQ(line_of({1709251199, level, 0, nullptr, 0, 0, "x"}, false),
+        EXPECT_EQ(line_of({1709251199, level, 0, false, nullptr, 0, 0, "x"}, false),
                   "2024-02-29T23:59:59Z " + std::string(words[level]) + " cpu0 #0 x\n");
+    // The main thread runs no subtest: its lines say so, not where it ran.
+    EXPECT_EQ(line_of({0, LVL_INFO, 1, true, nullptr, 1, 0, "started"}, false), "1970-01-01T00:00:00Z INFO main #1 started\n");
+    EXPECT_NE(line_of({0, LVL_INFO, 1, true, nullptr, 1, 0, "started"}, true).find(",\"cpu\":null,\"thread\":\"main\","),
+              std::string::npos);
     // The usage is shown as a usage, without the line's prefix.
-    EXPECT_EQ(line_of({0, LVL_USAGE, 0, nullptr, MSG_USAGE, 0, "usage: t [-h]\n  -h  help"}, false),
+    EXPECT_EQ(line_of({0, LVL_USAGE, 0, false, nullptr, MSG_USAGE, 0, "usage: t [-h]\n  -h  help"}, false),
               "usage: t [-h]\n  -h  help\n");
 }
 
 TEST(MessageLine, JsonFormHasEveryKeyAndEscapesTheText)
 {
-    EXPECT_EQ(line_of({1795412418, 12, -1, "l2cache", 8000, 1, "Sub-option \"count\" C:\\"}, true),
+    EXPECT_EQ(line_of({1795412418, 12, -1, false, "l2cache", 8000, 1, "Sub-option \"count\" C:\\"}, true),
               "{\"time\":\"2026-11-23T05:40:18Z\",\"level\":12,\"severity\":\"LEVEL12\",\"cpu\":null,"
-              "\"tag\":\"l2cache\",\"number\":8000,\"exit_flag\":1,\"text\":\"Sub-option \\\"count\\\" C:\\\\\"}\n");
+              "\"thread\":\"worker\",\"tag\":\"l2cache\",\"number\":8000,\"exit_flag\":1,\"text\":\"Sub-option \\\"count\\\" C:\\\\\"}\n");
     // Controls escaped, UTF-8 kept, a byte of no well-formed sequence
     // (stray, overlong, cut short) replaced; the text reads back.
     std::string text = "\n\t\x01\x7f\0 caf\xc3\xa9 \xf0\x9f\x98\x80 \xff \xc0\xaf \xc3"s;
-    std::string line = line_of({0, LVL_INFO, 0, nullptr, 0, 0, text}, true);
+    std::string line = line_of({0, LVL_INFO, 0, false, nullptr, 0, 0, text}, true);
     EXPECT_NE(line.find("\"text\":\"\\n\\t\\u0001\\u007f\\u0000 caf\xc3\xa9 \xf0\x9f\x98\x80 \\ufffd \\ufffd\\ufffd "
                         "\\ufffd\"}\n"),
               std::string::npos)
         << line;
     std::string clean = "quote \" backslash \\ newline \n bell \x07 euro \xe2\x82\xac";
-    auto parsed = json_check::parse_object_line(line_of({0, LVL_INFO, 0, nullptr, 0, 0, clean}, true));
+    auto parsed = json_check::parse_object_line(line_of({0, LVL_INFO, 0, false, nullptr, 0, 0, clean}, true));
     ASSERT_TRUE(parsed.has_value());
     EXPECT_EQ(parsed->at("text"), clean);
     // A text too long for a line is cut, and the line stays valid.
-    line = line_of({0, LVL_INFO, 0, nullptr, 0, 0, std::string(3 * dxt::line_capacity, '"')}, true);
+    line = line_of({0, LVL_INFO, 0, false, nullptr, 0, 0, std::string(3 * dxt::line_capacity, '"')}, true);
     ASSERT_LE(line.size(), static_cast<size_t>(dxt::line_capacity));
     parsed = json_check::parse_object_line(line);
     ASSERT_TRUE(parsed.has_value()) << line;

@@ -46,10 +46,13 @@ TEST(HarnessProcess, AnUnknownNumberIsShownAsSuchOnTheCallersProcessor)
 {
     int cpu = allowed_processor();
     outcome o = in_child([cpu] {
-        processor_bind(P_LWPID, P_MYID, cpu, nullptr);
         start({"-d"});
-        dxt_message(DXT_RETURN, LVL_STEP_ERROR, nullptr, 9999);  // and no argument to read
-        dxt_message(DXT_RETURN, LVL_INFO, "l2cache", MSG_WRRDVR_START);
+        std::thread worker([cpu] {
+            processor_bind(P_LWPID, P_MYID, cpu, nullptr);
+            dxt_message(DXT_RETURN, LVL_STEP_ERROR, nullptr, 9999);  // and no argument to read
+            dxt_message(DXT_RETURN, LVL_INFO, "l2cache", MSG_WRRDVR_START);
+        });
+        worker.join();
         func_name = "clean_up";
         trace_before(0);
         return returned;
@@ -58,7 +61,8 @@ TEST(HarnessProcess, AnUnknownNumberIsShownAsSuchOnTheCallersProcessor)
     std::string at = " cpu" + std::to_string(cpu) + " ";
     EXPECT_EQ(o.count(" ERROR" + at + "#9999 unknown message number 9999\n"), 1) << o.out;
     EXPECT_EQ(o.count(" INFO" + at + "[l2cache] #3 Write/Read/Verify test started\n"), 1) << o.out;
-    EXPECT_EQ(o.count(" DEBUG" + at + "#0 entering clean_up\n"), 1) << o.out;
+    // The main thread runs no subtest: its lines say "main".
+    EXPECT_EQ(o.count(" DEBUG main #0 entering clean_up\n"), 1) << o.out;
 }
 
 TEST(HarnessProcess, AnEndingMessageEndsTheRunWithItsStatusAndVerdictRecord)
@@ -87,6 +91,34 @@ TEST(HarnessProcess, AnEndingMessageEndsTheRunWithItsStatusAndVerdictRecord)
         std::string failure = "\\[\\{\"cpu\":null,\"message\":" + std::to_string(r.number) +
                               ",\"worker_status\":null,\"subtest\":" + r.subtest + ",.*\\]";
         EXPECT_TRUE(std::regex_match(verdict["failures"], std::regex(failure))) << verdict["failures"];
+    }
+}
+
+// A run passes only when it tested what it was meant to: a worker that was
+// never created (4006, naming its table entry) or never bound (4003, naming
+// its processor) leaves its processor untested.
+TEST(HarnessProcess, TestEndPassesOnlyWhenEveryProcessorWasTested)
+{
+    int cpu = allowed_processor();
+    struct row {
+        int number, argument;
+        const char *status, *verdict, *left_out;
+    };
+    for (const row &r : {row{0, 0, "0", "pass", "[]"},
+                         row{MSG_THREAD_CREATE_FAILED, 0, "3", "could-not-test", "thread-not-created\",\"entry\":0}]"},
+                         row{MSG_BIND_FAILED, cpu, "3", "could-not-test", "not-bound\"}]"}}) {
+        outcome o = in_child([&] {
+            start({"--json", "-q", "-o", "count=1"});
+            if (r.number != 0)
+                dxt_message(DXT_RETURN, LVL_STEP_ERROR, nullptr, r.number, r.argument, "Invalid argument");
+            test_end();
+            return returned;
+        });
+        json_check::object v = o.record();
+        EXPECT_EQ(std::to_string(o.status), r.number == 0 ? std::to_string(returned) : r.status) << o.out;
+        EXPECT_EQ(v["verdict"], r.verdict) << o.out;
+        EXPECT_EQ(v["options"], "count=1");
+        EXPECT_TRUE(v["left_out_cpus"].ends_with(r.left_out)) << v["left_out_cpus"];
     }
 }
 
@@ -162,10 +194,10 @@ TEST(HarnessProcess, BusErrorIsAHardwareFaultWithProcessorAndAddress)
     });
     EXPECT_EQ(o.status, 1) << o.out;
     // Byte 64 of a page-aligned mapping: the address ends in 040.
-    EXPECT_TRUE(std::regex_search(o.out, std::regex(" FATAL cpu([0-9]+) #0 hardware fault: bus error \\(SIGBUS\\) on "
-                                                    "cpu\\1 at address (0x[0-9a-f]*040)\n(.*\n)*.* SUMMARY failure on "
-                                                    "cpu\\1: .*\\(signal, address \\2\\)\n(.*\n)*.* "
-                                                    "VERDICT cpu\\1 FAIL: a fault was found \\(exit status 1\\)\n$")))
+    EXPECT_TRUE(std::regex_search(o.out, std::regex(" FATAL main #0 hardware fault: bus error \\(SIGBUS\\) on "
+                                                    "cpu([0-9]+) at address (0x[0-9a-f]*040)\n(.*\n)*.* SUMMARY failure "
+                                                    "on cpu\\1: .*\\(signal, address \\2\\)\n(.*\n)*.* VERDICT FAIL: "
+                                                    "a fault was found on cpu\\1 \\(exit status 1\\)\n$")))
         << o.out;
 }
 

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "cacheinfo_sources.h"
 #include "dxtsysinfo_ext.h"
@@ -187,6 +188,36 @@ TEST_F(fixture_tree, l2_sharers_from_the_kernel_list_else_cpuid)
     EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(0), "0-3");
     EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(1), "1,3");
     EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(2), "0,2");
+}
+
+TEST_F(fixture_tree, a_map_that_disagrees_with_the_list_wins)
+{
+    // A recorded Opteron 6276 (Bulldozer: a module's two cores share an
+    // L2) on an older kernel: cpu0's list says "0", its map 0x3.
+    for (int cpu = 0; cpu < 2; cpu++) {
+        fs::path l2 = entry(cpu, 2, 2, "Unified", "2048K", 64, 16);
+        write(l2 / "shared_cpu_list", cpu == 0 ? "0" : "0-1");
+        write(l2 / "shared_cpu_map", cpu == 0 ? "00000000,00000003" : "00000000,00000003");
+    }
+    fs::path lone = entry(2, 2, 2, "Unified", "2048K", 64, 16);
+    write(lone / "shared_cpu_list", "2");  // no map: the list stands
+    EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(0), "0-1");
+    EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(1), "0-1");
+    EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(2), "2");
+    std::vector<int> cpus;
+    EXPECT_TRUE(parse_cpu_map("80000000,00000001", &cpus));
+    EXPECT_EQ(cpus, (std::vector<int>{0, 63}));
+    EXPECT_FALSE(parse_cpu_map("0x3", &cpus));
+    EXPECT_FALSE(parse_cpu_map("00000000", &cpus));
+}
+
+TEST_F(fixture_tree, the_vendor_comes_from_cpuid_whatever_sysfs_lists)
+{
+    // The fixture's processor directory is empty.
+    int vendor = dxt_tlib_get_x86_vendor(0);
+    use_cache_sources(live_cache_sources());
+    EXPECT_EQ(vendor, dxt_tlib_get_x86_vendor(0));
+    EXPECT_TRUE(vendor == VENDOR_INTEL || vendor == VENDOR_AMD) << vendor;
 }
 
 TEST_F(fixture_tree, corrected_errors_sum_edac_and_the_machine_check_line)
