@@ -5,6 +5,7 @@
 // traffic and never compares what it reads.
 
 #include <cstdint>
+#include <cstring>
 
 #include "harness/testinfo.h"
 #include "march/genmarch.h"
@@ -108,8 +109,15 @@ inline uint32_t down_probe(uintptr_t first, uintptr_t last)
 // One march with the pattern block P and its complement Q over the blocks from
 // `first` to `last` (the highest block address); returns the last value
 // read.
-uint32_t march_blocks(uintptr_t first, uintptr_t last, const uint32_t *pattern, const uint32_t *inverse)
+uint32_t march_blocks(uintptr_t first, uintptr_t last, const uint32_t *p_block, const uint32_t *q_block)
 {
+    // The blocks' words are held in locals whose address never escapes: a
+    // volatile store to test memory cannot change them, so they stay in
+    // registers instead of being reloaded before every store.
+    uint32_t pattern[PATTERN_WORDS];
+    uint32_t inverse[PATTERN_WORDS];
+    std::memcpy(pattern, p_block, sizeof pattern);
+    std::memcpy(inverse, q_block, sizeof inverse);
     uint32_t read;
     up_write(first, last, pattern);                          // 1  up: write P
     read = up_read_write(first, last, inverse);              // 2  up: read, write Q

@@ -111,6 +111,9 @@ int crand(void *, uint32_t cache_size)
     }
 
     dxt_message(DXT_RETURN, LVL_INFO, nullptr, MSG_SWAP_END);
+    // Both unlocked, chunk1 first, before either is freed.
+    chunk1.unlock();
+    chunk2.unlock();
     chunk1.release();
     chunk2.release();
     return L2_PASSED;

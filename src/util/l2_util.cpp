@@ -74,16 +74,21 @@ void l2_buffer::lock(const char *tag, const char *lock_fail, const char *unlock_
         dxt_message(DXT_RETURN, LVL_DEBUG, tag, MSG_FREE_TEXT, lock_fail);
 }
 
+void l2_buffer::unlock()
+{
+    // Only a buffer whose lock succeeded is unlocked.
+    if (locked_ && munlock(base_, length_) != 0 && unlock_fail_ != nullptr)
+        dxt_message(DXT_RETURN, LVL_DEBUG, tag_, MSG_FREE_TEXT, unlock_fail_);
+    locked_ = false;
+}
+
 void l2_buffer::release()
 {
     if (base_ == nullptr)
         return;
-    // Only a buffer whose lock succeeded is unlocked.
-    if (locked_ && munlock(base_, length_) != 0 && unlock_fail_ != nullptr)
-        dxt_message(DXT_RETURN, LVL_DEBUG, tag_, MSG_FREE_TEXT, unlock_fail_);
+    unlock();
     free(base_);
     base_ = nullptr;
-    locked_ = false;
 }
 
 namespace {

@@ -95,11 +95,12 @@ public:
     // `tag`) unless it is null, and the buffer stays unlocked; `unlock_fail`
     // is what release() emits if munlock fails later.
     void lock(const char *tag, const char *lock_fail, const char *unlock_fail);
+    // Unlock, only if locked.
+    void unlock();
     // Unlock (only if locked) and free; nothing when there is no buffer.
     void release();
 
     void *get() const { return base_; }
-    bool locked() const { return locked_; }
 
 private:
     void *base_ = nullptr;

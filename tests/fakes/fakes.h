@@ -86,6 +86,9 @@ std::vector<range> mlock_calls();
 std::vector<range> munlock_calls();
 // The next malloc returns null (only in tests linked with fake_malloc).
 void fail_next_malloc();
+// Calls the observer with every block freed from now on, before it is freed
+// (only in tests linked with fake_malloc); nullptr stops.
+void on_free(void (*observer)(void *block));
 // Scripted draws, used first; the real generator afterwards.
 void script_lrand48(const std::vector<long> &draws);
 void script_drand48(const std::vector<double> &draws);

@@ -221,4 +221,25 @@ TEST_F(stress_memory, random_offsets_draw_pattern_list_pattern_list_list)
     EXPECT_EQ(words(buffer, buffer + 16), expected);
 }
 
+// The random swap test unlocks chunk1, then chunk2, and only then frees
+// either: a buffer is never freed while the other is still locked.
+std::vector<size_t> unlocks_before_free;
+TEST_F(stress_memory, random_swap_unlocks_both_buffers_before_freeing_either)
+{
+    unlocks_before_free.clear();
+    fake::on_free([](void *block) {
+        for (const fake::range &r : fake::memalign_results())
+            if (r.address == block)
+                unlocks_before_free.push_back(fake::munlock_calls().size());
+    });
+    EXPECT_EQ(crand(nullptr, 4096), 0);
+    fake::on_free(nullptr);
+    std::vector<fake::range> blocks = fake::memalign_results(), unlocked = fake::munlock_calls();
+    ASSERT_EQ(blocks.size(), 2u);
+    ASSERT_EQ(unlocked.size(), 2u);
+    EXPECT_EQ(unlocked[0].address, blocks[0].address);  // chunk1 first
+    EXPECT_EQ(unlocked[1].address, blocks[1].address);
+    EXPECT_EQ(unlocks_before_free, (std::vector<size_t>{2, 2}));
+}
+
 }  // namespace
