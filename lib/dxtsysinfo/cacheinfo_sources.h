@@ -2,8 +2,9 @@
 // function per source, each usable on its own so that tests can replay a
 // recorded sysfs tree, recorded CPUID registers or made-up sysconf answers:
 //   sysfs_caches    the kernel's cache directory of one processor
-//   cpuid_caches    CPUID executed on that processor (Intel leaf 4; AMD leaf
-//                   0x8000001D, else 0x80000005/0x80000006)
+//   read_cpuid_dump CPUID executed on that processor, decoded by
+//                   decode_cpuid_dump (Intel leaf 4; AMD leaf 0x8000001D,
+//                   else 0x80000005/0x80000006)
 //   sysconf_caches  the C library's machine-wide answer
 // the pure decoders that turn CPUID register values into a descriptor, the
 // plausibility rule every source passes its values through, and the
@@ -157,9 +158,6 @@ bool read_cpuid_dump(int cpu, cpuid_dump *dump);
 // levels, else AMD's extended id of leaf 0x8000001E where the processor has
 // topology extensions, else the 8-bit id of leaf 1.
 void decode_cpuid_dump(const cpuid_dump &dump, cpuid_answer *answer);
-
-// read_cpuid_dump and decode_cpuid_dump. True when it found a plausible L2.
-bool cpuid_caches(int cpu, cpuid_answer *answer);
 
 // The processor ids, in ascending order, of the processors in `all` whose
 // APIC ids fall in the block of the given APIC id's shared cache: the

@@ -194,16 +194,6 @@ void decode_cpuid_dump(const cpuid_dump &dump, cpuid_answer *answer)
     answer->apic_known = apic_id_of(dump, &answer->apic_id);
 }
 
-bool cpuid_caches(int cpu, cpuid_answer *answer)
-{
-    *answer = {};
-    cpuid_dump dump;
-    if (!read_cpuid_dump(cpu, &dump))
-        return false;
-    decode_cpuid_dump(dump, answer);
-    return answer->caches.l2.size != 0;
-}
-
 std::vector<int> processors_sharing(uint32_t apic_id, uint32_t sharing, const std::vector<processor_apic> &all)
 {
     // Sharers occupy an aligned block of APIC ids whose size is the sharing

@@ -362,7 +362,7 @@ int platform_present_processors(platform_processor *out, int capacity)
         if (count < capacity) {
             bool may_run = id < allowed.processors && CPU_ISSET_S(id, allowed.size, allowed.set);
             // Without the kernel's online list, the allowed ones are online.
-            out[count] = {id, online_listed ? int(online.count(id)) : int(may_run), int(may_run)};
+            out[count] = {id, online_listed ? int(online.count(id)) : int(may_run)};
         }
         count++;
     }

@@ -14,8 +14,7 @@ extern "C" {
 // without it, "possible", else every processor the C library counts).
 struct platform_processor {
     int id;
-    int online;   // 1: the kernel lists it online
-    int allowed;  // 1: the process's CPU set holds it
+    int online;  // 1: the kernel lists it online
 };
 
 // Fills at most capacity entries in ascending order and returns how many
