@@ -4,6 +4,7 @@
 // worker comes from tarneltest_faulty, the same program with a fault planted
 // from the environment.
 #include <fcntl.h>
+#include <pty.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 
@@ -200,6 +201,26 @@ TEST(EndToEnd, LostOutputIsNeverAPass)
                                                           .stdout_to = "/dev/full"});
     EXPECT_EQ(r.status, 1) << r.err;
 #endif
+}
+
+// The live progress line (-q on a terminal) moves back to the start of its
+// line, which a dumb terminal cannot do: there it is never drawn.
+TEST(EndToEnd, NoProgressLineOnADumbTerminal)
+{
+    for (const char *term : {"TERM=xterm", "TERM=dumb"}) {
+        int master = -1, slave = -1;
+        char name[256] = {};
+        ASSERT_EQ(openpty(&master, &slave, name, nullptr, nullptr), 0);
+        outcome r = run({"-q", "-o", "count=1,test_mask=8"}, {.environment = term, .stdout_to = name});
+        close(slave);
+        std::string screen;
+        char buffer[4096];
+        for (ssize_t n; (n = read(master, buffer, sizeof buffer)) > 0;)
+            screen.append(buffer, static_cast<size_t>(n));
+        close(master);
+        EXPECT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(screen.find("\r\033[K") != std::string::npos, std::string(term) == "TERM=xterm") << term;
+    }
 }
 
 // A signal ignored when the run started (nohup, a script's background
