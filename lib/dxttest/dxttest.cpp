@@ -227,14 +227,10 @@ void put_status_reason(dxt::text_buffer &text, std::string_view reason, int stat
 {
     dxt::put(text, reason);
     for (size_t i = 0, named = 0; i < failures.size(); i++) {
-        int cpu = failures[i].cpu;
-        bool seen = cpu < 0;
-        for (size_t j = 0; j < i && !seen; j++)
-            seen = failures[j].cpu == cpu;
-        if (seen)
+        if (!dxt::names_new_cpu(failures, i))
             continue;
         dxt::put(text, named++ == 0 ? " on cpu" : ", cpu");
-        dxt::put_int(text, cpu);
+        dxt::put_int(text, failures[i].cpu);
     }
     dxt::put(text, " (exit status ");
     dxt::put_int(text, status);

@@ -349,6 +349,16 @@ l2_geometry choose_l2(int cpu, int result, const uint32_t *record, const char *s
     return g;
 }
 
+bool names_new_cpu(std::span<const failure_site> failures, size_t i)
+{
+    if (failures[i].cpu < 0)
+        return false;
+    for (size_t j = 0; j < i; j++)
+        if (failures[j].cpu == failures[i].cpu)
+            return false;
+    return true;
+}
+
 subtest_set possible_subtests(int32_t mask, int last_started, bool last_ended, bool status_known, intptr_t status)
 {
     std::span<const subtest> sequence = subtests();
@@ -486,14 +496,10 @@ void put_verdict_record(text_buffer &out, const verdict_record &r)
     put(out, "],\"failed_cpus\":[");
     any = false;
     for (size_t i = 0; i < r.failures.size(); i++) {
-        int cpu = r.failures[i].cpu;
-        bool seen = cpu < 0;
-        for (size_t j = 0; j < i && !seen; j++)
-            seen = r.failures[j].cpu == cpu;
-        if (seen)
+        if (!names_new_cpu(r.failures, i))
             continue;
         put(out, any ? "," : "");
-        put_int(out, cpu);
+        put_int(out, r.failures[i].cpu);
         any = true;
     }
     put(out, "],\"l2\":[");

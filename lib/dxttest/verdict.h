@@ -82,6 +82,9 @@ struct failure_site {
     uintptr_t address = 0;
 };
 
+// Whether failures[i] names a processor that no earlier failure names.
+bool names_new_cpu(std::span<const failure_site> failures, size_t i);
+
 // The corrected-error counters before and after a run.
 struct corrected_check {
     bool checked = false;    // both readings were attempted
