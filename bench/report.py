@@ -399,12 +399,11 @@ def main():
     add("")
     add("The loops themselves were checked with `objdump -d`: every sweep is unrolled eight-fold (block")
     add("primitives sixteen-fold) with the access helpers' single `mov` per access and no call inside a pass.")
-    add("One spare instruction remains: `st_pattern` reloads each word of its pattern block from the stack")
-    add("before storing it (the block's address escapes to the pattern builders, so the compiler must assume")
-    add("a store may change it), an extra first-level-cache load per store that the block marches and the")
-    add("interconnect test absorb, stores being the bottleneck. What the calls spend around their passes is")
-    add("specified: buffers allocated, locked, unlocked and freed by each call, one locked generator call per")
-    add("draw.")
+    add("The variable-stride 30N march and the interconnect test copy their pattern blocks into locals whose")
+    add("address never escapes, so a volatile store cannot change them and their words stay in registers (all")
+    add("but a few, which come from the stack once the registers are used up) instead of being")
+    add("reloaded before every store. What the calls spend around their passes is specified: buffers")
+    add("allocated, locked, unlocked and freed by each call, one locked generator call per draw.")
     add("")
     kernels = [(run[len("kernel/"):], r) for run, r in rows.items() if run.startswith("kernel/")]
     if kernels:
