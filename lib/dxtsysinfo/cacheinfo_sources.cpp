@@ -14,8 +14,6 @@
 
 namespace {
 
-// Processor ids beyond this are refused rather than listed.
-constexpr long MAX_PROCESSOR_ID = 1 << 20;
 // Sysfs files are small; a processor list of a large machine stays far
 // below this.
 constexpr size_t MAX_FILE_TEXT = 1 << 16;
@@ -85,18 +83,6 @@ bool is_power_of_two(uint32_t value)
     return value != 0 && (value & (value - 1)) == 0;
 }
 
-// A non-negative decimal number at *text, advancing past it.
-bool take_number(const char **text, long *value)
-{
-    if (**text < '0' || **text > '9')
-        return false;
-    char *end = nullptr;
-    errno = 0;
-    *value = strtol(*text, &end, 10);
-    *text = end;
-    return errno == 0 && *value < MAX_PROCESSOR_ID;
-}
-
 cache_desc from_sysconf(sysconf_reader read, cache_kind kind, int size_name, int line_name, int ways_name)
 {
     long size = read(size_name);
@@ -145,83 +131,9 @@ uint32_t parse_cache_size(const char *text)
     return uint32_t(value * unit);
 }
 
-bool parse_cpu_list(const std::string &text, std::vector<int> *cpus)
-{
-    cpus->clear();
-    const char *at = text.c_str();
-    while (*at != '\0') {
-        long first = 0;
-        long last = 0;
-        if (!take_number(&at, &first))
-            return false;
-        last = first;
-        if (*at == '-') {
-            at++;
-            if (!take_number(&at, &last) || last < first)
-                return false;
-        }
-        for (long cpu = first; cpu <= last; cpu++)
-            cpus->push_back(int(cpu));
-        if (*at == ',' && at[1] != '\0')
-            at++;
-        else if (*at != '\0')
-            return false;
-    }
-    std::sort(cpus->begin(), cpus->end());
-    cpus->erase(std::unique(cpus->begin(), cpus->end()), cpus->end());
-    return !cpus->empty();
-}
-
-bool parse_cpu_map(const std::string &text, std::vector<int> *cpus)
-{
-    cpus->clear();
-    // Hexadecimal, most significant group first, groups split by commas.
-    int bit = 0;
-    for (size_t i = text.size(); i-- > 0;) {
-        char c = text[i];
-        if (c == ',' || (c == '\n' && i + 1 == text.size()))
-            continue;
-        int digit = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10
-                                                   : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-        if (digit < 0 || bit >= MAX_PROCESSOR_ID) {
-            cpus->clear();
-            return false;
-        }
-        for (int k = 0; k < 4; k++)
-            if ((digit >> k) & 1)
-                cpus->push_back(bit + k);
-        bit += 4;
-    }
-    std::sort(cpus->begin(), cpus->end());
-    return !cpus->empty();
-}
-
-std::string format_cpu_list(std::vector<int> cpus)
-{
-    std::sort(cpus.begin(), cpus.end());
-    cpus.erase(std::unique(cpus.begin(), cpus.end()), cpus.end());
-    std::string text;
-    for (size_t i = 0; i < cpus.size();) {
-        size_t end = i;
-        while (end + 1 < cpus.size() && cpus[end + 1] == cpus[end] + 1)
-            end++;
-        if (!text.empty())
-            text += ",";
-        text += std::to_string(cpus[i]);
-        if (end > i) {
-            // Two appends: GCC 12 at -O3 warns falsely (-Wrestrict) on
-            // "-" + std::string.
-            text += '-';
-            text += std::to_string(cpus[end]);
-        }
-        i = end + 1;
-    }
-    return text;
-}
-
 bool online_processors(const char *cpu_root, std::vector<int> *cpus)
 {
-    return parse_cpu_list(read_line(std::string(cpu_root) + "/online"), cpus);
+    return read_cpu_list(std::string(cpu_root) + "/online", cpus);
 }
 
 bool sysfs_caches(const char *cpu_root, int cpu, sysfs_answer *answer)

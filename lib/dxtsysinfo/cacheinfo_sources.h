@@ -40,6 +40,7 @@
 #include <vector>
 
 #include "dxtsysinfo_ext.h"
+#include "cpuset.h"
 #include "harness/testinfo.h"
 
 // Laid out like a descriptor of the record.
@@ -84,9 +85,6 @@ constexpr uint32_t MAX_LINE_SIZE = 512;
 // and the next source is asked.
 bool cache_plausible(cache_kind kind, const cache_desc &desc);
 
-// The kernel's directory of processors.
-#define SYSFS_CPU_ROOT "/sys/devices/system/cpu"
-
 // What the kernel's cache directory of one processor says.
 struct sysfs_answer {
     cache_pair caches;      // plausible values only
@@ -104,18 +102,9 @@ bool sysfs_caches(const char *cpu_root, int cpu, sysfs_answer *answer);
 // A sysfs size text ("1024K", "2M", "512"): bytes, or 0 when malformed.
 uint32_t parse_cache_size(const char *text);
 
-// Processor lists in the kernel's form ("0-3,8,10-11"): the processors in
-// ascending order without repeats; false for a malformed or empty text.
-bool parse_cpu_list(const std::string &text, std::vector<int> *cpus);
-// A processor mask in the kernel's form ("00000000,00000003"): the
-// processors whose bits are set; false for a malformed or empty mask.
-bool parse_cpu_map(const std::string &text, std::vector<int> *cpus);
 // The processors the kernel lists in <cpu_root>/online; false when it
 // cannot be read.
 bool online_processors(const char *cpu_root, std::vector<int> *cpus);
-// The canonical text of a set of processors, ranges of two or more joined
-// with a dash ("0-1", "0,4"); "" for none.
-std::string format_cpu_list(std::vector<int> cpus);
 
 // No processor lists more caches than this; it bounds a leaf that never
 // reports its end.

@@ -20,57 +20,26 @@ constexpr uint32_t AMD_L1_FULLY_ASSOCIATIVE = 0xFF;
 // Leaf 0x80000001 ECX bit 22: AMD topology extensions (leaves 0x8000001D
 // and 0x8000001E).
 constexpr uint32_t AMD_TOPOLOGY_EXTENSIONS = 1u << 22;
-// Processor ids beyond this are refused rather than sized into a mask.
-constexpr int MAX_PROCESSOR_ID = 1 << 20;
-
-// The calling thread's processor mask, sized for whatever the kernel uses.
-struct processor_mask {
-    cpu_set_t *set;
-    size_t size;
-};
-
-bool get_thread_mask(processor_mask *mask)
-{
-    for (int processors = 1024; processors <= MAX_PROCESSOR_ID; processors *= 2) {
-        cpu_set_t *set = CPU_ALLOC(processors);
-        size_t size = CPU_ALLOC_SIZE(processors);
-        int error = pthread_getaffinity_np(pthread_self(), size, set);
-        if (error == 0) {
-            *mask = {set, size};
-            return true;
-        }
-        CPU_FREE(set);
-        if (error != EINVAL)  // EINVAL: the kernel's mask is larger
-            return false;
-    }
-    return false;
-}
-
 // Moves the calling thread onto the processor; old receives the mask to
 // restore. The kernel migrates the thread before the call returns, and
 // sched_getcpu confirms it: CPUID describes the processor that executes it.
-bool pin_to_processor(int cpu, processor_mask *old)
+bool pin_to_processor(int cpu, cpu_mask *old)
 {
-    if (cpu < 0 || cpu >= MAX_PROCESSOR_ID || !get_thread_mask(old))
+    if (!read_cpu_mask(false, old))
         return false;
-    cpu_set_t *only = CPU_ALLOC(cpu + 1);
-    size_t size = CPU_ALLOC_SIZE(cpu + 1);
-    CPU_ZERO_S(size, only);
-    CPU_SET_S(cpu, size, only);
-    int error = pthread_setaffinity_np(pthread_self(), size, only);
-    CPU_FREE(only);
+    int error = bind_thread(cpu);
     if (error == 0 && sched_getcpu() == cpu)
         return true;
     if (error == 0)
-        pthread_setaffinity_np(pthread_self(), old->size, old->set);
-    CPU_FREE(old->set);
+        restore_thread_mask(*old);
+    free_cpu_mask(old);
     return false;
 }
 
-void restore_processor_mask(processor_mask *old)
+void restore_processor_mask(cpu_mask *old)
 {
-    pthread_setaffinity_np(pthread_self(), old->size, old->set);
-    CPU_FREE(old->set);
+    restore_thread_mask(*old);
+    free_cpu_mask(old);
 }
 
 // The subleaves of a deterministic cache leaf up to the first of type 0.
@@ -177,7 +146,7 @@ bool apic_id_of(const cpuid_dump &dump, uint32_t *apic_id)
 
 bool read_cpuid_dump(int cpu, cpuid_dump *dump)
 {
-    processor_mask old;
+    cpu_mask old;
     if (!pin_to_processor(cpu, &old))
         return false;
     read_dump_here(dump);

@@ -151,7 +151,7 @@ void put_descriptor(uint32_t *words, int index, const cache_desc &desc)
 
 cache_sources live_cache_sources()
 {
-    return {SYSFS_CPU_ROOT, read_cpuid_dump, sysconf};
+    return {CPU_DIR, read_cpuid_dump, sysconf};
 }
 
 void use_cache_sources(const cache_sources &replacement)

@@ -4,6 +4,7 @@
 // the signal handlers build their lines with the same code as dxt_message.
 #include <cstdint>
 
+#include "cpuset.h"
 #include "dxttest_internal.h"
 #include "harness/testinfo.h"
 
@@ -251,19 +252,10 @@ void put_seconds(text_buffer &line, long long milliseconds)
 
 void put_cpu_list(text_buffer &line, std::span<const int> ids)
 {
-    for (size_t i = 0; i < ids.size();) {
-        size_t last = i;
-        while (last + 1 < ids.size() && ids[last + 1] == ids[last] + 1)
-            last++;
-        if (i > 0)
-            put_char(line, ',');
-        put_int(line, ids[i]);
-        if (last > i) {
-            put_char(line, '-');
-            put_int(line, ids[last]);
-        }
-        i = last + 1;
-    }
+    cpu_list_writer list{line.data, line.capacity, line.length};
+    for (int id : ids)
+        list.add(id);
+    list.finish();
 }
 
 void put_message_line(text_buffer &line, const message_fields &m, bool json)

@@ -6,6 +6,7 @@
 
 #include <cstring>
 
+#include "cpuset.h"
 #include "harness/testinfo.h"
 
 namespace dxt {
@@ -27,37 +28,8 @@ const uint32_t *descriptor(const uint32_t *record, int index)
     return record + CACHEINFO_FIRST_WORD + CACHEINFO_DESC_WORDS * index;
 }
 
-// Writes ascending processor ids as a kernel list, one id at a time.
-struct list_writer {
-    text_buffer &out;
-    int first = -1;
-    int last = -1;
-    bool any = false;
-
-    void add(int id)
-    {
-        if (first >= 0 && id == last + 1) {
-            last = id;
-            return;
-        }
-        flush();
-        first = last = id;
-    }
-    void flush()
-    {
-        if (first < 0)
-            return;
-        if (any)
-            put(out, ",");
-        put_int(out, first);
-        if (last > first) {
-            put(out, "-");
-            put_int(out, last);
-        }
-        any = true;
-        first = -1;
-    }
-};
+// Ascending processor ids as a kernel list, one at a time, into the output.
+cpu_list_writer list_into(text_buffer &out) { return {out.data, out.capacity, out.length}; }
 
 bool same_text(const char *a, const char *b) { return strcmp(a, b) == 0; }
 
@@ -199,11 +171,11 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
 
     start_summary_line(out, r.time);
     put(out, "processors tested: ");
-    list_writer tested{out};
+    cpu_list_writer tested = list_into(out);
     for (int cpu : m.tested)
         if (!was_lost(r, cpu))
             tested.add(cpu);
-    tested.flush();
+    tested.finish();
     if (!tested.any)
         put(out, "none");
     put(out, "; left out: ");
@@ -211,7 +183,7 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
         put(out, "none");
     bool first_group = true;
     for (const char *reason : left_out_reasons) {
-        list_writer ids{out};
+        cpu_list_writer ids = list_into(out);
         each_left_out(r, [&](const left_out_processor &p) {
             if (!same_text(p.reason, reason))
                 return;
@@ -220,7 +192,7 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
             first_group = false;
             ids.add(p.cpu);
         });
-        ids.flush();
+        ids.finish();
         if (ids.any)
             put(out, reason_text(reason));
     }
@@ -236,11 +208,11 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
         const l2_geometry &g = m.l2[i];
         start_summary_line(out, r.time);
         put(out, "L2 of cpu ");
-        list_writer ids{out};
+        cpu_list_writer ids = list_into(out);
         for (size_t k = i; k < m.l2.size(); k++)
             if (same_geometry(m.l2[k], g))
                 ids.add(m.l2[k].cpu);
-        ids.flush();
+        ids.finish();
         put(out, ": ");
         put_int(out, g.size);
         put(out, " bytes, ");

@@ -15,87 +15,31 @@
 #include <cstdio>
 #include <map>
 #include <mutex>
-#include <set>
+#include <algorithm>
 #include <string>
 #include <vector>
 
-#include "cpu_list.h"
+#include "cpuset.h"
+#include "processor_state.h"
 #include "platform_ext.h"
 
 namespace {
 
-// Processor ids beyond this are refused rather than sized into a mask.
-constexpr int MAX_PROCESSOR_ID = 1 << 20;
 // What an unbound thread reports as its previous binding.
 constexpr int NOT_BOUND = -1;
 
-// A processor mask sized for whatever the kernel uses.
-struct processor_mask {
-    cpu_set_t *set;
-    size_t size;
-    int processors;
-};
-
-// The mask of the thread (pthread) or, with process set, of the process's
-// first thread, which is the mask the process was started with.
-bool get_mask(bool process, processor_mask *mask)
-{
-    for (int processors = 1024; processors <= MAX_PROCESSOR_ID; processors *= 2) {
-        cpu_set_t *set = CPU_ALLOC(processors);
-        size_t size = CPU_ALLOC_SIZE(processors);
-        int error = process ? (sched_getaffinity(getpid(), size, set) == 0 ? 0 : errno)
-                            : pthread_getaffinity_np(pthread_self(), size, set);
-        if (error == 0) {
-            *mask = {set, size, processors};
-            return true;
-        }
-        CPU_FREE(set);
-        if (error != EINVAL)  // EINVAL: the kernel's mask is larger
-            return false;
-    }
-    return false;
-}
-
 // The one processor a mask allows, or NOT_BOUND when it allows several.
-int bound_processor(const processor_mask &mask)
+int bound_processor(const cpu_mask &mask)
 {
     if (CPU_COUNT_S(mask.size, mask.set) != 1)
         return NOT_BOUND;
     int cpu = 0;
-    while (!CPU_ISSET_S(cpu, mask.size, mask.set))
+    while (!cpu_mask_has(mask, cpu))
         cpu++;
     return cpu;
 }
 
-bool read_cpu_list(const std::string &path, std::set<int> *ids)
-{
-    char text[4096];
-    FILE *file = fopen(path.c_str(), "re");
-    if (file == nullptr)
-        return false;
-    size_t length = fread(text, 1, sizeof text - 1, file);
-    fclose(file);
-    text[length] = '\0';
-    return parse_cpu_list(text, ids);
-}
-
-// One id of a list: digits, below MAX_PROCESSOR_ID.
-bool parse_id(const char **at, int *id)
-{
-    const char *c = *at;
-    if (*c < '0' || *c > '9')
-        return false;
-    long value = 0;
-    while (*c >= '0' && *c <= '9') {
-        value = value * 10 + (*c - '0');
-        if (value >= MAX_PROCESSOR_ID)
-            return false;
-        c++;
-    }
-    *id = int(value);
-    *at = c;
-    return true;
-}
+bool listed(const std::vector<int> &ids, int id) { return std::binary_search(ids.begin(), ids.end(), id); }
 
 std::mutex threads_lock;
 unsigned int next_thread_id = 1;
@@ -160,45 +104,14 @@ unsigned int new_thread_id()
 
 }  // namespace
 
-bool parse_cpu_list(const char *text, std::set<int> *ids)
-{
-    ids->clear();
-    const char *at = text;
-    for (;;) {
-        int first = 0;
-        int last = 0;
-        if (!parse_id(&at, &first))
-            break;
-        last = first;
-        if (*at == '-') {
-            at++;
-            if (!parse_id(&at, &last) || last < first)
-                break;
-        }
-        for (int id = first; id <= last; id++)
-            ids->insert(id);
-        if (*at == ',') {
-            at++;
-            continue;
-        }
-        if (*at == '\n')
-            at++;
-        if (*at == '\0')
-            return true;
-        break;
-    }
-    ids->clear();
-    return false;
-}
-
 namespace {
 
 // The kernel's lists that decide a processor's state.
 struct processor_lists {
     bool possible_listed;
-    std::set<int> possible;
+    std::vector<int> possible;
     bool online_listed;
-    std::set<int> online;
+    std::vector<int> online;
 };
 
 processor_lists read_lists(const char *cpu_dir)
@@ -215,19 +128,19 @@ int state_of(const processor_lists &lists, int processor_id, int flag)
         errno = EINVAL;
         return -1;
     }
-    if (lists.possible_listed ? lists.possible.count(processor_id) == 0
+    if (lists.possible_listed ? !listed(lists.possible, processor_id)
                               : processor_id >= sysconf(_SC_NPROCESSORS_CONF)) {
         errno = EINVAL;
         return -1;
     }
-    processor_mask allowed;
-    if (!get_mask(true, &allowed))
+    cpu_mask allowed;
+    if (!read_cpu_mask(true, &allowed))
         return -1;
-    bool may_run = processor_id < allowed.processors && CPU_ISSET_S(processor_id, allowed.size, allowed.set);
-    CPU_FREE(allowed.set);
+    bool may_run = cpu_mask_has(allowed, processor_id);
+    free_cpu_mask(&allowed);
     // Without the kernel's online list, the processors the process may run
     // on are the online ones.
-    if (lists.online_listed && lists.online.count(processor_id) == 0)
+    if (lists.online_listed && !listed(lists.online, processor_id))
         return P_OFFLINE;
     return may_run ? P_ONLINE : P_OFFLINE;
 }
@@ -242,7 +155,7 @@ int processor_state(const char *cpu_dir, int processor_id, int flag)
 int p_online(int processor_id, int flag)
 {
     // Read once: a run asks for every possible processor id in turn.
-    static const processor_lists lists = read_lists(PLATFORM_CPU_DIR);
+    static const processor_lists lists = read_lists(CPU_DIR);
     return state_of(lists, processor_id, flag);
 }
 
@@ -252,19 +165,12 @@ int processor_bind(int idtype, int id, int processor_id, int *old_binding)
         errno = EINVAL;
         return -1;
     }
-    processor_mask old;
-    if (!get_mask(false, &old))
+    cpu_mask old;
+    if (!read_cpu_mask(false, &old))
         return -1;
     int previous = bound_processor(old);
-    CPU_FREE(old.set);
-
-    cpu_set_t *only = CPU_ALLOC(processor_id + 1);
-    size_t size = CPU_ALLOC_SIZE(processor_id + 1);
-    CPU_ZERO_S(size, only);
-    CPU_SET_S(processor_id, size, only);
-    int error = pthread_setaffinity_np(pthread_self(), size, only);
-    CPU_FREE(only);
-    if (error != 0) {
+    free_cpu_mask(&old);
+    if (int error = bind_thread(processor_id)) {
         errno = error;
         return -1;
     }
@@ -347,26 +253,24 @@ void thr_exit(void *status)
 int platform_present_processors(platform_processor *out, int capacity)
 {
     // Without the kernel's lists, every processor the C library counts.
-    std::set<int> present;
-    if (!read_cpu_list(std::string(PLATFORM_CPU_DIR) + "/present", &present) &&
-        !read_cpu_list(std::string(PLATFORM_CPU_DIR) + "/possible", &present))
+    std::vector<int> present;
+    if (!read_cpu_list(std::string(CPU_DIR) + "/present", &present) &&
+        !read_cpu_list(std::string(CPU_DIR) + "/possible", &present))
         for (long id = 0; id < sysconf(_SC_NPROCESSORS_CONF) && id < MAX_PROCESSOR_ID; id++)
-            present.insert(int(id));
-    std::set<int> online;
-    bool online_listed = read_cpu_list(std::string(PLATFORM_CPU_DIR) + "/online", &online);
-    processor_mask allowed;
-    if (!get_mask(true, &allowed))
+            present.push_back(int(id));
+    std::vector<int> online;
+    bool online_listed = read_cpu_list(std::string(CPU_DIR) + "/online", &online);
+    cpu_mask allowed;
+    if (!read_cpu_mask(true, &allowed))
         return -1;
     int count = 0;
     for (int id : present) {
-        if (count < capacity) {
-            bool may_run = id < allowed.processors && CPU_ISSET_S(id, allowed.size, allowed.set);
-            // Without the kernel's online list, the allowed ones are online.
-            out[count] = {id, online_listed ? int(online.count(id)) : int(may_run)};
-        }
+        // Without the kernel's online list, the allowed ones are online.
+        if (count < capacity)
+            out[count] = {id, online_listed ? int(listed(online, id)) : int(cpu_mask_has(allowed, id))};
         count++;
     }
-    CPU_FREE(allowed.set);
+    free_cpu_mask(&allowed);
     return count;
 }
 

@@ -8,11 +8,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <set>
 #include <string>
 #include <thread>
 
-#include "cpu_list.h"
+#include "processor_state.h"
 #include "platform.h"
 
 namespace {
@@ -25,25 +24,6 @@ cpu_set_t process_mask()
     CPU_ZERO(&set);
     EXPECT_EQ(sched_getaffinity(0, sizeof set, &set), 0);
     return set;
-}
-
-TEST(cpu_list, kernel_forms_and_malformed_texts)
-{
-    const struct {
-        const char *text;
-        std::set<int> ids;
-    } lists[] = {{"0", {0}}, {"0-3,5\n", {0, 1, 2, 3, 5}}, {"0,2,4", {0, 2, 4}}, {"0-1,4-5", {0, 1, 4, 5}},
-                 {"7-7", {7}}};
-    for (const auto &list : lists) {
-        std::set<int> ids = {99};
-        EXPECT_TRUE(parse_cpu_list(list.text, &ids)) << '"' << list.text << '"';
-        EXPECT_EQ(ids, list.ids) << '"' << list.text << '"';
-    }
-    for (const char *text : {"", "\n", "abc", "0-", "-1", "3-1", "0,,1", "0 1", "1,", "0-3\nx", "0x1", "0-99999999"}) {
-        std::set<int> ids = {99};
-        EXPECT_FALSE(parse_cpu_list(text, &ids)) << '"' << text << '"';
-        EXPECT_TRUE(ids.empty()) << '"' << text << '"';
-    }
 }
 
 TEST(p_online, online_needs_the_kernel_list_and_the_process_mask)

@@ -204,11 +204,6 @@ TEST_F(fixture_tree, a_map_that_disagrees_with_the_list_wins)
     EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(0), "0-1");
     EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(1), "0-1");
     EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(2), "2");
-    std::vector<int> cpus;
-    EXPECT_TRUE(parse_cpu_map("80000000,00000001", &cpus));
-    EXPECT_EQ(cpus, (std::vector<int>{0, 63}));
-    EXPECT_FALSE(parse_cpu_map("0x3", &cpus));
-    EXPECT_FALSE(parse_cpu_map("00000000", &cpus));
 }
 
 TEST_F(fixture_tree, the_vendor_comes_from_cpuid_whatever_sysfs_lists)
