@@ -291,36 +291,37 @@ int exit_status_of(int number, int exit_flag)
     }
 }
 
-const char *verdict_word(int status)
+namespace {
+
+// Every way a run ends: its exit status, the word of the verdict line, the
+// verdict record's name and the sentence.
+struct verdict_kind {
+    int status;
+    const char *word;
+    const char *name;
+    const char *reason;
+};
+constexpr verdict_kind verdict_kinds[] = {
+    {exit_passed, "PASS", "pass", "every processor passed"},
+    {exit_fault_found, "FAIL", "fault", "a fault was found"},
+    {exit_usage, "USAGE ERROR", "usage", "the command line or the sub-options were rejected"},
+    {exit_could_not_test, "COULD NOT TEST", "could-not-test", "the run could not test this machine"},
+};
+constexpr verdict_kind interrupted = {exit_signal_base, "INTERRUPTED", "interrupted", "interrupted by a signal"};
+constexpr verdict_kind ended = {-1, "ENDED", "ended", "the run ended"};
+
+const verdict_kind &kind_of(int status)
 {
-    switch (status) {
-    case exit_passed:
-        return "PASS";
-    case exit_fault_found:
-        return "FAIL";
-    case exit_usage:
-        return "USAGE ERROR";
-    case exit_could_not_test:
-        return "COULD NOT TEST";
-    default:
-        return status > exit_signal_base ? "INTERRUPTED" : "ENDED";
-    }
+    for (const verdict_kind &kind : verdict_kinds)
+        if (kind.status == status)
+            return kind;
+    return status > exit_signal_base ? interrupted : ended;
 }
 
-const char *verdict_reason(int status)
-{
-    switch (status) {
-    case exit_passed:
-        return "every processor passed";
-    case exit_fault_found:
-        return "a fault was found";
-    case exit_usage:
-        return "the command line or the sub-options were rejected";
-    case exit_could_not_test:
-        return "the run could not test this machine";
-    default:
-        return status > exit_signal_base ? "interrupted by a signal" : "the run ended";
-    }
-}
+}  // namespace
+
+const char *verdict_word(int status) { return kind_of(status).word; }
+const char *verdict_name(int status) { return kind_of(status).name; }
+const char *verdict_reason(int status) { return kind_of(status).reason; }
 
 }  // namespace dxt

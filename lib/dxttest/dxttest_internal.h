@@ -133,9 +133,11 @@ int32_t subtest_bits();
 std::string silently_refused(std::string_view subopts);
 
 // The exit status a message with a non-zero exit flag ends the run with, and
-// the verdict word and sentence for an exit status.
+// for an exit status the verdict line's word, the record's name ("pass",
+// "fault", "usage", "could-not-test", "interrupted") and the sentence.
 int exit_status_of(int number, int exit_flag);
 const char *verdict_word(int status);
+const char *verdict_name(int status);
 const char *verdict_reason(int status);
 
 enum class command_action { run, help, version, error };

@@ -384,22 +384,6 @@ const char *corrected_errors_note(bool available)
            "(/sys/devices/system/edac/mc) and no MCE line in /proc/interrupts can be read here";
 }
 
-const char *verdict_name(int exit_status)
-{
-    switch (exit_status) {
-    case exit_passed:
-        return "pass";
-    case exit_fault_found:
-        return "fault";
-    case exit_usage:
-        return "usage";
-    case exit_could_not_test:
-        return "could-not-test";
-    default:
-        return exit_status > exit_signal_base ? "interrupted" : "ended";
-    }
-}
-
 size_t verdict_room(const verdict_record &r)
 {
     // Escaping makes a character at most six bytes; the fixed keys and

@@ -114,8 +114,6 @@ struct verdict_record {
     std::string_view version = {};          // the test's version text
 };
 
-// "pass", "fault", "usage", "could-not-test", "interrupted".
-const char *verdict_name(int exit_status);
 // Bytes enough for either form of the record.
 size_t verdict_room(const verdict_record &record);
 // The JSON record: one line.
