@@ -100,7 +100,7 @@ cpu_record *record_of(int cpu)
 
 const uint32_t *descriptor_of(const cpu_record *entry, int index)
 {
-    return entry->words + CACHEINFO_FIRST_WORD + CACHEINFO_DESC_WORDS * index;
+    return dxt_tlib_cache_descriptor(entry->words, index);
 }
 
 // The processors sharing the L2 by CPUID: every online processor's APIC id
@@ -140,7 +140,7 @@ std::string shared_l2(int cpu, cpu_record *entry)
 
 void put_descriptor(uint32_t *words, int index, const cache_desc &desc)
 {
-    uint32_t *at = words + CACHEINFO_FIRST_WORD + CACHEINFO_DESC_WORDS * index;
+    uint32_t *at = const_cast<uint32_t *>(dxt_tlib_cache_descriptor(words, index));
     at[0] = desc.size != 0 ? desc.source : uint32_t(CACHE_SOURCE_NONE);
     at[CACHEINFO_SIZE] = desc.size;
     at[CACHEINFO_LINE] = desc.line_size;
@@ -196,6 +196,11 @@ int dxt_tlib_get_cpu_cacheinfo(int cpu_id, uint32_t **record)
 int dxt_tlib_get_x86_vendor(int cpu_id)
 {
     return cpu_id < 0 ? 0 : vendor_of_leaf0(run_cpuid(0, 0));
+}
+
+const uint32_t *dxt_tlib_cache_descriptor(const uint32_t *record, int index)
+{
+    return record + CACHEINFO_FIRST_WORD + CACHEINFO_DESC_WORDS * index;
 }
 
 const char *dxt_tlib_get_init_errmsg(void)

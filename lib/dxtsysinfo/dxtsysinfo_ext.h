@@ -25,6 +25,10 @@ enum dxt_cache_source {
     CACHE_SOURCE_CPUID_80000006 = 6,   /* CPUID leaf 0x80000006 (older AMD, second level) */
 };
 
+/* Descriptor `index` of a cache record: its words are the source (below),
+ * the size, the line size and the ways. */
+const uint32_t *dxt_tlib_cache_descriptor(const uint32_t *record, int index);
+
 /* The source of descriptor `descriptor` (0 to 4) of the processor's cache
  * record as a short text: "sysfs", "CPUID leaf 4", "CPUID leaf 0x8000001D",
  * "CPUID leaf 0x80000005", "CPUID leaf 0x80000006", "sysconf", or "none"

@@ -106,14 +106,21 @@ std::atomic<bool> ending{false};
 // test_end gave the pass verdict; guarded by output_lock.
 bool passed = false;
 
-// Processors the run meant to test but did not, learned from the program's
-// own reports: 4006 (its worker was never created; the message names the
-// worker table's entry, filled like machine->tested) and 4003 (its worker
-// could not be bound to it). Appended under lost_lock, read lock free.
-constexpr int max_lost = 4096;
-std::mutex lost_lock;
-dxt::left_out_processor lost[max_lost];
+// What the program's own reports say of each processor, recorded as they
+// pass through dxt_message, shown or not: processors the run meant to test
+// but did not, from 4006 (its worker was never created; the message names
+// the worker table's entry, filled like machine->tested) and 4003 (its
+// worker could not be bound to it); and the geometry each bound worker
+// announced before its first subtest. Appended under report_lock, read
+// lock free (a signal handler reads them).
+constexpr int max_reported = 4096;
+std::mutex report_lock;
+dxt::left_out_processor lost[max_reported];
 std::atomic<int> lost_count{0};
+dxt::l2_geometry announced[max_reported];
+std::atomic<int> announced_count{0};
+// The worker's announcement of the geometry it sized its buffers from.
+constexpr char geometry_announcement[] = "Cache Access stress for cache_size %x line_size %x num_loops %d\n";
 static_assert(std::atomic<bool>::is_always_lock_free, "the signal handlers need a lock-free flag");
 
 // The subtest a worker thread announced last, found by its kernel id. Lock
@@ -275,15 +282,54 @@ void note_lost_processor(int number, int value)
         reason = "thread-not-created";
         entry = value;
     }
-    std::lock_guard<std::mutex> hold(lost_lock);
+    std::lock_guard<std::mutex> hold(report_lock);
     int n = lost_count.load();
     for (int i = 0; i < n; i++)
         if (lost[i].cpu == cpu)
             return;
-    if (n < max_lost) {
+    if (n < max_reported) {
         lost[n] = {cpu, reason, entry};
         lost_count.store(n + 1);
     }
+}
+
+// The geometry a bound worker announced; nullptr when the announcing thread
+// is bound to no tested processor.
+const dxt::l2_geometry *note_geometry(uint32_t size, uint32_t line)
+{
+    int cpu = platform_bound_processor();
+    const auto &tested = machine->tested;
+    auto found = std::find(tested.begin(), tested.end(), cpu);
+    if (found == tested.end())
+        return nullptr;
+    dxt::l2_geometry g = dxt::announced_l2(cpu, size, line, machine->shared_cpus[size_t(found - tested.begin())]);
+    std::lock_guard<std::mutex> hold(report_lock);
+    int n = announced_count.load();
+    if (n >= max_reported)
+        return nullptr;
+    announced[n] = g;
+    announced_count.store(n + 1);
+    return &announced[n];
+}
+
+// Records what a report says of a processor; the geometry it announced, if
+// it is an announcement.
+const dxt::l2_geometry *note_report(int number, const char *tag, va_list args)
+{
+    if (machine == nullptr)
+        return nullptr;
+    if (number == MSG_THREAD_CREATE_FAILED || number == MSG_BIND_FAILED) {
+        note_lost_processor(number, va_arg(args, int));
+        return nullptr;
+    }
+    if (number != MSG_FREE_TEXT || tag == nullptr || strcmp(tag, "l2cache") != 0)
+        return nullptr;
+    const char *format = va_arg(args, const char *);
+    if (format == nullptr || strcmp(format, geometry_announcement) != 0)
+        return nullptr;
+    uint32_t size = va_arg(args, uint32_t);
+    uint32_t line = va_arg(args, uint32_t);
+    return note_geometry(size, line);
 }
 
 bool on_main_thread() { return gettid() == getpid(); }
@@ -292,8 +338,19 @@ bool on_main_thread() { return gettid() == getpid(); }
 dxt::verdict_record run_record(long long time, int status, const dxt::text_buffer &text, int cpu,
                                std::span<const dxt::failure_site> failures, const dxt::corrected_check &corrected)
 {
-    return {time, status, elapsed_ms(), view(text), cpu, machine, failures, corrected, host_name,
-            {lost, static_cast<size_t>(lost_count.load())}, given_options, dxt_test_version};
+    return {time,
+            status,
+            elapsed_ms(),
+            view(text),
+            cpu,
+            machine,
+            failures,
+            corrected,
+            host_name,
+            {lost, static_cast<size_t>(lost_count.load())},
+            given_options,
+            dxt_test_version,
+            {announced, static_cast<size_t>(announced_count.load())}};
 }
 
 worker_progress *progress_of(int tid)
@@ -512,18 +569,20 @@ void prepare_run()
 {
     machine = new dxt::machine_description(dxt::describe_machine());
     errors_before_ok = read_corrected_errors(nullptr, &errors_before) != 0;
-    for (const dxt::l2_geometry &g : machine->l2) {
-        dxt::line_buffer text;
-        dxt::put_geometry_text(text, g);
-        show_debug(view(text));
-    }
     if (const char *note = dxt::corrected_errors_note(errors_before_ok))
         show_debug(note);
 
     dxt::failure_site one;
     dxt::line_buffer no_text;
     dxt::verdict_record largest = run_record(0, 0, no_text, 0, {&one, 1}, {});
-    largest.lost = {lost, std::min(machine->tested.size(), static_cast<size_t>(max_lost))};
+    size_t processors = std::min(machine->tested.size(), static_cast<size_t>(max_reported));
+    largest.lost = {lost, processors};
+    // Every tested processor's announcement, with the longest sources.
+    std::vector<dxt::l2_geometry> every(processors);
+    for (size_t i = 0; i < processors; i++)
+        every[i] = {0, 0, 0, 0, "CPUID leaf 0x8000001D", "CPUID leaf 0x8000001D", "CPUID leaf 0x8000001D",
+                    machine->shared_cpus[i]};
+    largest.l2 = every;
     signal_capacity = dxt::line_capacity + dxt::verdict_room(largest);
     signal_storage = new char[signal_capacity];
 
@@ -782,20 +841,22 @@ void trace_after(int) { trace("leaving "); }
 int dxt_message(int exit_flag, int level, const char *tag, int number, ...)
 {
     note_progress(number);
-    if (number == MSG_THREAD_CREATE_FAILED || number == MSG_BIND_FAILED) {
-        va_list args;
-        va_start(args, number);
-        note_lost_processor(number, va_arg(args, int));
-        va_end(args);
-    }
+    va_list args;
+    va_start(args, number);
+    const dxt::l2_geometry *geometry = note_report(number, tag, args);
+    va_end(args);
     if (exit_flag == 0 && !dxt::level_shown(display, level, number))
         return 0;
     char text[dxt::text_capacity];
-    va_list args;
     va_start(args, number);
     dxt::format_message_text(text, sizeof text, number, options_text, args);
     va_end(args);
     show_message(exit_flag, level, tag, number, text);
+    if (geometry != nullptr) {
+        dxt::line_buffer line;
+        dxt::put_geometry_text(line, *geometry);
+        show_debug(view(line));
+    }
     return 0;
 }
 

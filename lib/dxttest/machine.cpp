@@ -49,12 +49,8 @@ machine_description describe_machine()
                 m.left_out.push_back({p.id, p.online != 0 ? "not-allowed" : "offline"});
         }
     }
-    for (int cpu : m.tested) {
-        uint32_t *record = nullptr;
-        int result = dxt_tlib_get_cpu_cacheinfo(cpu, &record);
-        m.l2.push_back(choose_l2(cpu, result, record, dxt_tlib_get_cache_source(cpu, 4),
-                                 dxt_tlib_get_cache_source(cpu, 2), dxt_tlib_get_l2_shared_cpus(cpu)));
-    }
+    for (int cpu : m.tested)
+        m.shared_cpus.push_back(dxt_tlib_get_l2_shared_cpus(cpu));
     return m;
 }
 

@@ -13,20 +13,9 @@ namespace dxt {
 
 namespace {
 
-// The worker's geometry when its processor's record offers none.
-constexpr uint32_t default_l2_size = 2 * 1024 * 1024;
-constexpr uint32_t default_line_size = 64;
-constexpr uint32_t default_ways = 4;
-constexpr const char *defaults_source = "defaults";
-
 // The statuses a subtest ends a worker with.
 constexpr intptr_t miscompare_status = -1;
 constexpr intptr_t no_memory_status = 12;
-
-const uint32_t *descriptor(const uint32_t *record, int index)
-{
-    return record + CACHEINFO_FIRST_WORD + CACHEINFO_DESC_WORDS * index;
-}
 
 // Ascending processor ids as a kernel list, one at a time, into the output.
 cpu_list_writer list_into(text_buffer &out) { return {out.data, out.capacity, out.length}; }
@@ -158,7 +147,6 @@ const char *reason_text(const char *reason)
 
 void put_processor_lines(text_buffer &out, const verdict_record &r)
 {
-    const machine_description &m = *r.machine;
     start_summary_line(out, r.time);
     if (!r.version.empty()) {
         put(out, "version ");
@@ -172,14 +160,14 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
     start_summary_line(out, r.time);
     put(out, "processors tested: ");
     cpu_list_writer tested = list_into(out);
-    for (int cpu : m.tested)
+    for (int cpu : r.machine->tested)
         if (!was_lost(r, cpu))
             tested.add(cpu);
     tested.finish();
     if (!tested.any)
         put(out, "none");
     put(out, "; left out: ");
-    if (m.left_out.empty() && r.lost.empty())
+    if (r.machine->left_out.empty() && r.lost.empty())
         put(out, "none");
     bool first_group = true;
     for (const char *reason : left_out_reasons) {
@@ -199,19 +187,19 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
     put(out, "\n");
 
     // One line per distinct geometry, naming its processors.
-    for (size_t i = 0; i < m.l2.size(); i++) {
+    for (size_t i = 0; i < r.l2.size(); i++) {
         bool seen = false;
         for (size_t j = 0; j < i && !seen; j++)
-            seen = same_geometry(m.l2[j], m.l2[i]);
+            seen = same_geometry(r.l2[j], r.l2[i]);
         if (seen)
             continue;
-        const l2_geometry &g = m.l2[i];
+        const l2_geometry &g = r.l2[i];
         start_summary_line(out, r.time);
         put(out, "L2 of cpu ");
         cpu_list_writer ids = list_into(out);
-        for (size_t k = i; k < m.l2.size(); k++)
-            if (same_geometry(m.l2[k], g))
-                ids.add(m.l2[k].cpu);
+        for (size_t k = i; k < r.l2.size(); k++)
+            if (same_geometry(r.l2[k], g))
+                ids.add(r.l2[k].cpu);
         ids.finish();
         put(out, ": ");
         put_int(out, g.size);
@@ -233,22 +221,22 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
         put(out, "\n");
     }
 
-    if (m.l2.empty())
+    if (r.l2.empty())
         return;
     start_summary_line(out, r.time);
     bool shared = false;
     bool unknown = false;
-    for (size_t i = 0; i < m.l2.size(); i++) {
-        unknown = unknown || same_text(m.l2[i].shared_cpus, "unknown");
-        if (!names_several(m.l2[i].shared_cpus))
+    for (size_t i = 0; i < r.l2.size(); i++) {
+        unknown = unknown || same_text(r.l2[i].shared_cpus, "unknown");
+        if (!names_several(r.l2[i].shared_cpus))
             continue;
         bool seen = false;
         for (size_t j = 0; j < i && !seen; j++)
-            seen = same_text(m.l2[j].shared_cpus, m.l2[i].shared_cpus);
+            seen = same_text(r.l2[j].shared_cpus, r.l2[i].shared_cpus);
         if (seen)
             continue;
         put(out, shared ? "; " : "L2 shared by cpus ");
-        put(out, m.l2[i].shared_cpus);
+        put(out, r.l2[i].shared_cpus);
         shared = true;
     }
     if (!shared)
@@ -293,30 +281,26 @@ void put_failure_line(text_buffer &out, long long time, const failure_site &f)
 
 }  // namespace
 
-l2_geometry choose_l2(int cpu, int result, const uint32_t *record, const char *source_of_4,
-                      const char *source_of_2, const char *shared_cpus)
+l2_geometry announced_l2(int cpu, uint32_t size, uint32_t line, const char *shared_cpus)
 {
-    l2_geometry g{cpu,          default_l2_size, default_line_size, default_ways,
-                  defaults_source, defaults_source, defaults_source,  shared_cpus};
-    if (result != 0 || record == nullptr)
+    constexpr const char *defaults = "defaults";
+    l2_geometry g{cpu, size, line, L2_DEFAULT_WAYS, defaults, defaults, defaults, shared_cpus};
+    uint32_t *record = nullptr;
+    if (dxt_tlib_get_cpu_cacheinfo(cpu, &record) != 0)
         return g;
-    const uint32_t *desc = descriptor(record, 4);
-    const char *source = source_of_4;
-    if (desc[CACHEINFO_SIZE] == 0) {
-        desc = descriptor(record, 2);
-        source = source_of_2;
-    }
-    if (desc[CACHEINFO_SIZE] == 0)
-        return g;
-    g.size = desc[CACHEINFO_SIZE];
-    g.size_source = source;
-    if (desc[CACHEINFO_LINE] != 0) {
-        g.line = desc[CACHEINFO_LINE];
-        g.line_source = source;
-    }
-    if (desc[CACHEINFO_WAYS] != 0) {
-        g.ways = desc[CACHEINFO_WAYS];
-        g.ways_source = source;
+    for (int index : {4, 2}) {
+        const uint32_t *d = dxt_tlib_cache_descriptor(record, index);
+        if (d[CACHEINFO_SIZE] != size)
+            continue;
+        const char *source = dxt_tlib_get_cache_source(cpu, index);
+        g.size_source = source;
+        if (d[CACHEINFO_LINE] == line)
+            g.line_source = source;
+        if (d[CACHEINFO_WAYS] != 0) {
+            g.ways = d[CACHEINFO_WAYS];
+            g.ways_source = source;
+        }
+        break;
     }
     return g;
 }
@@ -390,12 +374,11 @@ size_t verdict_room(const verdict_record &r)
     // numbers fit in the constant parts.
     size_t room = 4096 + 6 * (r.text.size() + r.host.size() + r.options.size() + r.version.size()) +
                   96 * r.lost.size();
-    if (r.machine != nullptr) {
+    if (r.machine != nullptr)
         room += 16 * r.machine->tested.size() + 80 * r.machine->left_out.size();
-        for (const l2_geometry &g : r.machine->l2)
-            room += 512 + 6 * (strlen(g.size_source) + strlen(g.line_source) + strlen(g.ways_source)) +
-                    12 * strlen(g.shared_cpus);
-    }
+    for (const l2_geometry &g : r.l2)
+        room += 512 + 6 * (strlen(g.size_source) + strlen(g.line_source) + strlen(g.ways_source)) +
+                12 * strlen(g.shared_cpus);
     size_t names = 0;
     for (const subtest &s : subtests())
         names += 12 * strlen(s.name) + 16;
@@ -459,25 +442,24 @@ void put_verdict_record(text_buffer &out, const verdict_record &r)
         any = true;
     }
     put(out, "],\"l2\":[");
-    if (r.machine != nullptr)
-        for (size_t i = 0; i < r.machine->l2.size(); i++) {
-            const l2_geometry &g = r.machine->l2[i];
-            put(out, i > 0 ? ",{\"cpu\":" : "{\"cpu\":");
-            put_int(out, g.cpu);
-            put_json_int_member(out, "size", g.size);
-            put_json_int_member(out, "line", g.line);
-            put_json_int_member(out, "ways", g.ways);
-            put_json_text_member(out, "source", g.size_source);
-            put(out, ",\"sources\":{\"size\":");
-            put_json_string(out, g.size_source);
-            put(out, ",\"line\":");
-            put_json_string(out, g.line_source);
-            put(out, ",\"ways\":");
-            put_json_string(out, g.ways_source);
-            put(out, "}");
-            put_json_text_member(out, "shared_cpus", g.shared_cpus);
-            put(out, "}");
-        }
+    for (size_t i = 0; i < r.l2.size(); i++) {
+        const l2_geometry &g = r.l2[i];
+        put(out, i > 0 ? ",{\"cpu\":" : "{\"cpu\":");
+        put_int(out, g.cpu);
+        put_json_int_member(out, "size", g.size);
+        put_json_int_member(out, "line", g.line);
+        put_json_int_member(out, "ways", g.ways);
+        put_json_text_member(out, "source", g.size_source);
+        put(out, ",\"sources\":{\"size\":");
+        put_json_string(out, g.size_source);
+        put(out, ",\"line\":");
+        put_json_string(out, g.line_source);
+        put(out, ",\"ways\":");
+        put_json_string(out, g.ways_source);
+        put(out, "}");
+        put_json_text_member(out, "shared_cpus", g.shared_cpus);
+        put(out, "}");
+    }
     put(out, "],\"failures\":[");
     for (size_t i = 0; i < r.failures.size(); i++) {
         if (i > 0)

@@ -33,12 +33,10 @@ struct l2_geometry {
     const char *shared_cpus;  // the processors sharing it, "0-1", or "unknown"
 };
 
-// The worker's rule: descriptor 4 when its size is not 0, else descriptor 2,
-// else the defaults (2 MiB, 64-byte lines, 4 ways), also for a record that
-// could not be had (result not 0). A line size or way count of 0 is taken
-// from the defaults, as the worker does.
-l2_geometry choose_l2(int cpu, int result, const uint32_t *record, const char *source_of_4,
-                      const char *source_of_2, const char *shared_cpus);
+// The geometry a worker announced (its cache size and line size), with
+// where it came from: the first of its processor's descriptors 4 and 2 that
+// holds that size, whose ways it took; the defaults when neither does.
+l2_geometry announced_l2(int cpu, uint32_t size, uint32_t line, const char *shared_cpus);
 
 // Why a processor was left out: before the run, "offline" or "not-allowed"
 // (outside the process's CPU set); during it, "thread-not-created" (its
@@ -54,7 +52,7 @@ struct left_out_processor {
 struct machine_description {
     std::vector<int> tested;  // ascending
     std::vector<left_out_processor> left_out;
-    std::vector<l2_geometry> l2;  // one per tested processor, same order
+    std::vector<const char *> shared_cpus;  // per tested processor, who shares its L2
 };
 
 // The subtests, by index into subtests(), one of which was running.
@@ -112,6 +110,7 @@ struct verdict_record {
     std::span<const left_out_processor> lost = {};  // meant to be tested, but were not
     std::string_view options = {};          // the -o text as given
     std::string_view version = {};          // the test's version text
+    std::span<const l2_geometry> l2 = {};   // what each worker announced
 };
 
 // Bytes enough for either form of the record.
@@ -123,8 +122,8 @@ void put_verdict_record(text_buffer &out, const verdict_record &record);
 void put_verdict_block(text_buffer &out, const verdict_record &record, bool quiet);
 
 // What this machine offers a run, from the platform (present, online and
-// allowed processors) and the information library (each tested processor's
-// record, the sources of its descriptors, its L2's sharers).
+// allowed processors) and the information library (the sharers of each
+// tested processor's L2).
 machine_description describe_machine();
 
 // The debug line of one processor's geometry, every value with its source.

@@ -251,9 +251,9 @@ int get_cache_info(int index, uint32_t *size, uint32_t *line_size, uint32_t *way
         uint32_t *record = nullptr;
         retval = dxt_tlib_get_cpu_cacheinfo(cpu, &record);
         if (retval == 0) {
-            const uint32_t *desc = record + CACHEINFO_FIRST_WORD + CACHEINFO_DESC_WORDS * index;
+            const uint32_t *desc = cache_descriptor(record, index);
             if (desc[CACHEINFO_SIZE] == 0 && index == 2)
-                desc = record + CACHEINFO_FIRST_WORD + CACHEINFO_DESC_WORDS * 4;
+                desc = cache_descriptor(record, 4);
             if (desc[CACHEINFO_SIZE] != 0) {
                 *size = desc[CACHEINFO_SIZE];
                 *line_size = desc[CACHEINFO_LINE];

@@ -84,6 +84,15 @@ enum dxt_msg_number {
     MSG_UNKNOWN_VENDOR = 8014,
 };
 
+// The second-level cache geometry a worker takes when its processor's
+// record describes none (and the line size or ways a descriptor leaves at
+// 0); the harness reports it as the defaults.
+enum : uint32_t {
+    L2_DEFAULT_CACHE_SIZE = 0x200000,  // 2 MiB
+    L2_DEFAULT_LINE_SIZE = 64,
+    L2_DEFAULT_WAYS = 4,
+};
+
 // Vendor codes of dxt_tlib_get_x86_vendor.
 enum dxt_vendor {
     VENDOR_INTEL = 2,

@@ -23,11 +23,6 @@ struct l2_geometry {
     uint32_t ways;
 };
 
-const uint32_t *descriptor(const uint32_t *record, int index)
-{
-    return record + CACHEINFO_FIRST_WORD + CACHEINFO_DESC_WORDS * index;
-}
-
 // The second-level cache of this processor: descriptor 4, else descriptor 2,
 // else the defaults (announced with message 41). All three values come from
 // one source.
@@ -36,9 +31,9 @@ l2_geometry choose_geometry(int cpu)
     uint32_t *record = nullptr;
     int retval = dxt_tlib_get_cpu_cacheinfo(cpu, &record);
     if (retval == 0) {
-        const uint32_t *desc = descriptor(record, 4);
+        const uint32_t *desc = cache_descriptor(record, 4);
         if (desc[CACHEINFO_SIZE] == 0)
-            desc = descriptor(record, 2);
+            desc = cache_descriptor(record, 2);
         if (desc[CACHEINFO_SIZE] != 0)
             return {desc[CACHEINFO_SIZE], desc[CACHEINFO_LINE], desc[CACHEINFO_WAYS]};
     }

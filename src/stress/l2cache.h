@@ -8,12 +8,13 @@
 #include <atomic>
 #include <cstdint>
 
-// Geometry taken when the processor's second-level cache cannot be described.
-enum : uint32_t {
-    L2_DEFAULT_CACHE_SIZE = 0x200000,  // 2 MiB
-    L2_DEFAULT_LINE_SIZE = 64,
-    L2_DEFAULT_WAYS = 4,
-};
+#include "harness/testinfo.h"
+
+// Descriptor `index` of a cache-information record.
+inline const uint32_t *cache_descriptor(const uint32_t *record, int index)
+{
+    return record + CACHEINFO_FIRST_WORD + CACHEINFO_DESC_WORDS * index;
+}
 
 // Subtest statuses.
 enum l2_status {

@@ -9,6 +9,7 @@
 
 #include "child_run.h"
 #include "harness/testinfo.h"
+#include "dxtsysinfo_ext.h"
 #include "platform.h"  // processor_bind
 
 const char dxt_test_version[] = "9.9 2026/01/02 (harness test)";
@@ -120,6 +121,31 @@ TEST(HarnessProcess, TestEndPassesOnlyWhenEveryProcessorWasTested)
         EXPECT_EQ(v["options"], "count=1");
         EXPECT_TRUE(v["left_out_cpus"].ends_with(r.left_out)) << v["left_out_cpus"];
     }
+}
+
+// The geometry in the record is the one each worker announced, recorded
+// whether or not its debug line is shown; a size no descriptor of its
+// processor holds came from the defaults.
+TEST(HarnessProcess, TheRecordTakesTheGeometryEachWorkerAnnounced)
+{
+    int cpu = allowed_processor();
+    outcome o = in_child([cpu] {
+        start({"--json", "-q"});
+        std::thread worker([cpu] {
+            processor_bind(P_LWPID, P_MYID, cpu, nullptr);
+            dxt_message(DXT_RETURN, LVL_DEBUG, "l2cache", MSG_FREE_TEXT,
+                        "Cache Access stress for cache_size %x line_size %x num_loops %d\n", 0x2345000u, 32u, 1);
+        });
+        worker.join();
+        test_end();
+        return returned;
+    });
+    EXPECT_EQ(o.status, returned) << o.err;
+    EXPECT_EQ(o.record()["l2"], "[{\"cpu\":" + std::to_string(cpu) +
+                                    ",\"size\":36982784,\"line\":32,\"ways\":4,\"source\":\"defaults\",\"sources\":{"
+                                    "\"size\":\"defaults\",\"line\":\"defaults\",\"ways\":\"defaults\"},"
+                                    "\"shared_cpus\":\"" +
+                                    dxt_tlib_get_l2_shared_cpus(cpu) + "\"}]");
 }
 
 TEST(HarnessProcess, ConcurrentEndsGiveOneVerdict)

@@ -56,10 +56,12 @@ dxt::machine_description small_machine()
     dxt::machine_description m;
     m.tested = {0, 1};
     m.left_out = {{2, "offline"}, {3, "not-allowed"}};
-    m.l2 = {{0, 1 << 20, 64, 16, "sysfs", "sysfs", "sysfs", "0-1"},
-            {1, 1 << 20, 64, 16, "sysfs", "sysfs", "sysfs", "0-1"}};
     return m;
 }
+
+// What its two workers announced.
+std::vector<dxt::l2_geometry> small_l2 = {{0, 1 << 20, 64, 16, "sysfs", "sysfs", "sysfs", "0-1"},
+                                          {1, 1 << 20, 64, 16, "sysfs", "sysfs", "sysfs", "0-1"}};
 
 // The JSON record, checked to be one line of valid JSON.
 std::string record_of(const dxt::verdict_record &record)
@@ -122,7 +124,7 @@ TEST(VerdictRecord, EveryKeyOfAFailedRun)
     // out, not tested.
     dxt::left_out_processor lost{1, "thread-not-created", 1};
     EXPECT_EQ(record_of({1795412418, 1, 2013, "a fault was found (exit status 1)", 1, &m, sites, same, "node-17",
-                         {&lost, 1}, "count=1,tag=2", "1.0 2026/11/23 (t)"}),
+                         {&lost, 1}, "count=1,tag=2", "1.0 2026/11/23 (t)", small_l2}),
               "{\"time\":\"2026-11-23T05:40:18Z\",\"host\":\"node-17\",\"schema_version\":1,\"verdict\":\"fault\","
               "\"exit_status\":1,\"elapsed_seconds\":2.013,\"text\":\"a fault was found (exit status 1)\",\"cpu\":1,"
               "\"thread\":\"worker\",\"options\":\"count=1,tag=2\",\"version\":\"1.0 2026/11/23 (t)\","
@@ -143,11 +145,13 @@ TEST(VerdictBlock, SummaryLinesThenTheVerdictLine)
 {
     dxt::machine_description m = small_machine();
     m.tested.push_back(5);
-    m.l2.push_back({5, 512 << 10, 64, 8, "CPUID leaf 4", "CPUID leaf 4", "defaults", "5"});
+    std::vector<dxt::l2_geometry> l2 = small_l2;
+    l2.push_back({5, 512 << 10, 64, 8, "CPUID leaf 4", "CPUID leaf 4", "defaults", "5"});
     dxt::failure_site site{5, MSG_WORKERS_FAILED, true, -1,
                            dxt::possible_subtests(dxt::all_subtests, wrrdvr, false, true, -1)};
     dxt::verdict_record record{1795412418, 1, 0, "a fault was found (exit status 1)", 0, &m, {&site, 1},
                                dxt::compare_corrected_errors(true, snapshot(1, 4, 0, 0), true, snapshot(1, 6, 0, 0))};
+    record.l2 = l2;
     const std::string at = "\n2026-11-23T05:40:18Z SUMMARY ";
     const std::string failed = at + "failure on cpu5: Cache Hit Stress (message 8011, worker exit status -1)" + at +
                                "WARNING: 2 corrected hardware errors counted during the run (EDAC memory controllers); "
