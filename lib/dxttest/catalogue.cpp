@@ -79,16 +79,16 @@ void trim_end(char *text)
 // 4001) and so never ends a worker at all; tests that only make traffic
 // never end one with -1.
 constexpr subtest sequence[] = {
-    {"Write/Read/Verify", 0x8, MSG_WRRDVR_START, 0, false, false},
-    {"Cache Hit Stress", 0x10, 0, 0, true, false},
-    {"Cache Miss Stress", 0x20, 0, 0, false, true},
-    {"Random Swap", 0x40, MSG_SWAP_START, MSG_SWAP_END, false, true},
-    {"CPU-cache interconnect", 0x200, MSG_INTERCONNECT_START, MSG_INTERCONNECT_END, false, true},
-    {"30N March with variable stride length", 0x400, MSG_MARCH_VAR_START, MSG_MARCH_VAR_END, false, true},
-    {"30N March with line-length striding", 0x400, MSG_MARCH_LINE_START, MSG_MARCH_LINE_END, false, true},
-    {"March with row striding", 0x400, MSG_ROW_MARCH_START, MSG_ROW_MARCH_END, true, true},
-    {"March with column striding", 0x400, MSG_COL_MARCH_START, MSG_COL_MARCH_END, true, true},
-    {"Random Offset", 0x1000, 0, 0, true, true},
+    {"Write/Read/Verify", TEST_WRRDVR, MSG_WRRDVR_START, 0, false, false},
+    {"Cache Hit Stress", TEST_CACHE_HIT, 0, 0, true, false},
+    {"Cache Miss Stress", TEST_CACHE_MISS, 0, 0, false, true},
+    {"Random Swap", TEST_RANDOM_SWAP, MSG_SWAP_START, MSG_SWAP_END, false, true},
+    {"CPU-cache interconnect", TEST_INTERCONNECT, MSG_INTERCONNECT_START, MSG_INTERCONNECT_END, false, true},
+    {"30N March with variable stride length", TEST_MARCHES, MSG_MARCH_VAR_START, MSG_MARCH_VAR_END, false, true},
+    {"30N March with line-length striding", TEST_MARCHES, MSG_MARCH_LINE_START, MSG_MARCH_LINE_END, false, true},
+    {"March with row striding", TEST_MARCHES, MSG_ROW_MARCH_START, MSG_ROW_MARCH_END, true, true},
+    {"March with column striding", TEST_MARCHES, MSG_COL_MARCH_START, MSG_COL_MARCH_END, true, true},
+    {"Random Offset", TEST_RANDOM_OFFSET, 0, 0, true, true},
 };
 
 // What each bit of test_mask selects, for the usage.
@@ -96,13 +96,13 @@ constexpr struct {
     int32_t bit;
     const char *what;
 } mask_bits[] = {
-    {0x8, "Write/Read/Verify"},
-    {0x10, "Cache Hit Stress"},
-    {0x20, "Cache Miss Stress"},
-    {0x40, "Random Swap"},
-    {0x200, "CPU-cache interconnect"},
-    {0x400, "the four marches (30N variable stride, 30N line-length, row, column)"},
-    {0x1000, "Random Offset"},
+    {TEST_WRRDVR, "Write/Read/Verify"},
+    {TEST_CACHE_HIT, "Cache Hit Stress"},
+    {TEST_CACHE_MISS, "Cache Miss Stress"},
+    {TEST_RANDOM_SWAP, "Random Swap"},
+    {TEST_INTERCONNECT, "CPU-cache interconnect"},
+    {TEST_MARCHES, "the four marches (30N variable stride, 30N line-length, row, column)"},
+    {TEST_RANDOM_OFFSET, "Random Offset"},
 };
 
 // The sub-options the test takes, with their usage lines; those without a
@@ -185,25 +185,6 @@ int subtest_ended_by(int number)
 int subtest_ending_with(int number)
 {
     return number == MSG_MISCOMPARE || number == MSG_WRRDVR_NO_MEMORY ? 0 : -1;
-}
-
-int32_t selected_test_mask(std::string_view subopts)
-{
-    // The parser takes a digits-only value with atoi; an empty one keeps
-    // the default. Any other value was rejected, and the run never starts.
-    constexpr std::string_view keyword = "test_mask=";
-    int32_t mask = all_subtests;
-    while (!subopts.empty()) {
-        size_t comma = subopts.find(',');
-        std::string_view item = subopts.substr(0, comma);
-        subopts = comma == std::string_view::npos ? std::string_view() : subopts.substr(comma + 1);
-        if (!item.starts_with(keyword))
-            continue;
-        std::string value(item.substr(keyword.size()));
-        if (!value.empty() && value.find_first_not_of("0123456789") == std::string::npos)
-            mask = atoi(value.c_str());
-    }
-    return mask;
 }
 
 std::span<const catalogue_entry> catalogue() { return entries; }

@@ -83,7 +83,6 @@ const char *options_text = "";
 timespec started;
 std::string subopts;  // the parser's text; it may keep pointers into it
 std::string given_options;  // the -o text as given, for the verdict
-int32_t test_mask = dxt::all_subtests;
 
 // What test_init learned before the run; never freed, since workers may
 // still run while the process ends.
@@ -811,7 +810,6 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
                        dxt::silently_refused(line.subopts),
                    usage);
     }
-    test_mask = dxt::selected_test_mask(line.subopts);
     prepare_run();
     return 0;
 }

@@ -121,9 +121,6 @@ int subtest_ended_by(int number);    // its index, or -1
 // The subtest named by a message that ends the run from a worker (the
 // Write/Read/Verify test's miscompare and allocation failure), or -1.
 int subtest_ending_with(int number);
-// The test_mask the test's parser takes from an accepted sub-option text:
-// the last test_mask item with a value, else all subtests.
-int32_t selected_test_mask(std::string_view subopts);
 constexpr int32_t all_subtests = 0xFFFFF;
 // The bits of test_mask that select a subtest.
 int32_t subtest_bits();

@@ -93,6 +93,22 @@ enum : uint32_t {
     L2_DEFAULT_WAYS = 4,
 };
 
+// The bits of the test_mask sub-option, in the order the per-CPU sequence
+// tests them; the harness names the subtests they select.
+enum dxt_test_bit {
+    TEST_WRRDVR = 0x8,
+    TEST_CACHE_HIT = 0x10,
+    TEST_CACHE_MISS = 0x20,
+    TEST_RANDOM_SWAP = 0x40,
+    TEST_INTERCONNECT = 0x200,
+    TEST_MARCHES = 0x400,
+    TEST_RANDOM_OFFSET = 0x1000,
+};
+
+// The program's test_mask sub-option, final once test_init has called the
+// option parser: the harness reads it to know which subtests a run selected.
+extern int32_t test_mask;
+
 // Vendor codes of dxt_tlib_get_x86_vendor.
 enum dxt_vendor {
     VENDOR_INTEL = 2,

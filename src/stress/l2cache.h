@@ -24,17 +24,6 @@ enum l2_status {
     L2_WRRDVR_MISCOMPARE = 1, // the write/read/verify test's miscompare
 };
 
-// The test_mask bits, in the order the sequence tests them.
-enum l2_test_bit {
-    TEST_WRRDVR = 0x8,
-    TEST_CACHE_HIT = 0x10,
-    TEST_CACHE_MISS = 0x20,
-    TEST_RANDOM_SWAP = 0x40,
-    TEST_INTERCONNECT = 0x200,
-    TEST_MARCHES = 0x400,
-    TEST_RANDOM_OFFSET = 0x1000,
-};
-
 // The system page size: the alignment of every test buffer. Every worker
 // writes it at its start, all with the same value; atomic so that those
 // concurrent writes are well defined.
