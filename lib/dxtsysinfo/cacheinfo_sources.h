@@ -41,7 +41,7 @@
 
 #include "dxtsysinfo_ext.h"
 #include "cpuset.h"
-#include "harness/testinfo.h"
+#include "testinfo.h"
 
 // Laid out like a descriptor of the record.
 struct cache_desc {

@@ -15,7 +15,7 @@
 
 #include "cacheinfo_sources.h"
 #include "dxtsysinfo_ext.h"
-#include "harness/testinfo.h"
+#include "testinfo.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "dxttest_internal.h"
-#include "harness/testinfo.h"
+#include "testinfo.h"
 
 namespace dxt {
 

@@ -66,7 +66,7 @@
 #include <vector>
 
 #include "dxttest_internal.h"
-#include "harness/testinfo.h"
+#include "testinfo.h"
 #include "platform_ext.h"
 #include "verdict.h"
 

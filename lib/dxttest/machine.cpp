@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "harness/testinfo.h"
+#include "testinfo.h"
 #include "platform.h"
 #include "platform_ext.h"
 #include "verdict.h"

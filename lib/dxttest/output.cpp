@@ -6,7 +6,7 @@
 
 #include "cpuset.h"
 #include "dxttest_internal.h"
-#include "harness/testinfo.h"
+#include "testinfo.h"
 
 namespace dxt {
 

@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "cpuset.h"
-#include "harness/testinfo.h"
+#include "testinfo.h"
 
 namespace dxt {
 
