@@ -258,21 +258,30 @@ void put_cpu_list(text_buffer &line, std::span<const int> ids)
     list.finish();
 }
 
+namespace {
+
+// The level's word, or LEVELn for a level without one.
+void put_severity(text_buffer &line, int level)
+{
+    if (const char *word = severity_word(level)) {
+        put(line, word);
+        return;
+    }
+    put(line, "LEVEL");
+    put_int(line, level);
+}
+
+}  // namespace
+
 void put_message_line(text_buffer &line, const message_fields &m, bool json)
 {
-    const char *word = severity_word(m.level);
     if (json) {
         put(line, "{\"time\":\"");
         put_utc_time(line, m.time);
         put(line, "\",\"level\":");
         put_int(line, m.level);
         put(line, ",\"severity\":\"");
-        if (word != nullptr) {
-            put(line, word);
-        } else {
-            put(line, "LEVEL");
-            put_int(line, m.level);
-        }
+        put_severity(line, m.level);
         put(line, "\",\"cpu\":");
         put_cpu(line, m.main_thread ? -1 : m.cpu, true);
         put(line, m.main_thread ? ",\"thread\":\"main\"" : ",\"thread\":\"worker\"");
@@ -298,12 +307,7 @@ void put_message_line(text_buffer &line, const message_fields &m, bool json)
     }
     put_utc_time(line, m.time);
     put_char(line, ' ');
-    if (word != nullptr) {
-        put(line, word);
-    } else {
-        put(line, "LEVEL");
-        put_int(line, m.level);
-    }
+    put_severity(line, m.level);
     if (m.main_thread) {
         put(line, " main");
     } else {
