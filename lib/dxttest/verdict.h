@@ -58,7 +58,7 @@ struct machine_description {
 // The subtests, by index into subtests(), one of which was running.
 struct subtest_set {
     int count = 0;
-    int index[16];
+    int index[16] = {};
 };
 
 // Which subtest ended a worker: the one it started last when that one has
