@@ -883,7 +883,9 @@ int test_end(void)
             if (!left_out)
                 passed_cpus.push_back(cpu);
         }
-        dxt::put(reason, passed_cpus.empty() ? "; no processor was tested" : "; tested and passed: cpus ");
+        dxt::put(reason, passed_cpus.empty()       ? "; no processor was tested"
+                         : passed_cpus.size() == 1 ? "; tested and passed: cpu"
+                                                   : "; tested and passed: cpus ");
         dxt::put_cpu_list(reason, passed_cpus);
     } else if ((test_mask & dxt::subtest_bits()) == 0) {
         dxt::put(reason, "test_mask ");
