@@ -876,13 +876,9 @@ int test_end(void)
             dxt::put(reason, ")");
         }
         std::vector<int> passed_cpus;
-        for (int cpu : machine->tested) {
-            bool left_out = false;
-            for (int i = 0; i < lost_now; i++)
-                left_out = left_out || lost[i].cpu == cpu;
-            if (!left_out)
+        for (int cpu : machine->tested)
+            if (!dxt::was_lost({lost, static_cast<size_t>(lost_now)}, cpu))
                 passed_cpus.push_back(cpu);
-        }
         dxt::put(reason, passed_cpus.empty()       ? "; no processor was tested"
                          : passed_cpus.size() == 1 ? "; tested and passed: cpu"
                                                    : "; tested and passed: cpus ");

@@ -114,14 +114,6 @@ void start_summary_line(text_buffer &out, long long time)
     put(out, " SUMMARY ");
 }
 
-bool was_lost(const verdict_record &r, int cpu)
-{
-    for (const left_out_processor &p : r.lost)
-        if (p.cpu == cpu)
-            return true;
-    return false;
-}
-
 // Every processor left out, before the run and during it, with its reason.
 template <typename F>
 void each_left_out(const verdict_record &r, F visit)
@@ -161,7 +153,7 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
     put(out, "processors tested: ");
     cpu_list_writer tested = list_into(out);
     for (int cpu : r.machine->tested)
-        if (!was_lost(r, cpu))
+        if (!was_lost(r.lost, cpu))
             tested.add(cpu);
     tested.finish();
     if (!tested.any)
@@ -315,6 +307,14 @@ bool names_new_cpu(std::span<const failure_site> failures, size_t i)
     return true;
 }
 
+bool was_lost(std::span<const left_out_processor> lost, int cpu)
+{
+    for (const left_out_processor &p : lost)
+        if (p.cpu == cpu)
+            return true;
+    return false;
+}
+
 subtest_set possible_subtests(int32_t mask, int last_started, bool last_ended, bool status_known, intptr_t status)
 {
     std::span<const subtest> sequence = subtests();
@@ -414,7 +414,7 @@ void put_verdict_record(text_buffer &out, const verdict_record &r)
     bool any = false;
     if (r.machine != nullptr)
         for (int cpu : r.machine->tested) {
-            if (was_lost(r, cpu))
+            if (was_lost(r.lost, cpu))
                 continue;
             put(out, any ? "," : "");
             put_int(out, cpu);

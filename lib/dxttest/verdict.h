@@ -80,6 +80,9 @@ struct failure_site {
     uintptr_t address = 0;
 };
 
+// Whether the run meant to test the processor but did not.
+bool was_lost(std::span<const left_out_processor> lost, int cpu);
+
 // Whether failures[i] names a processor that no earlier failure names.
 bool names_new_cpu(std::span<const failure_site> failures, size_t i);
 
