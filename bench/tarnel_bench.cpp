@@ -518,7 +518,7 @@ traffic wrrdvr_traffic(uint32_t passes)
 
 traffic hit_traffic(uint32_t passes)
 {
-    double words = g.cache_size / 4, dwords = g.cache_size / 8, slots = g.cache_size / 11;
+    double words = g.cache_size / 4, dwords = g.cache_size / 8, slots = g.cache_size / sizeof(derived_rec);
     double strided = (g.cache_size / 4 + g.line_size - 1) / g.line_size;  // every line_size-th word
     double steps32 = words < 2 ? 0 : words - 1, steps64 = dwords < 2 ? 0 : dwords - 1;
     uint32_t stride = g.line_size / 2;
@@ -528,8 +528,8 @@ traffic hit_traffic(uint32_t passes)
         {key("seq_store64", whole()), passes * steps64 * 8},
         {key("seq_store_check64", whole()), passes * steps64 * 16},
         {key("seq_load32", whole()), passes * strided * 4},
-        {key("record_store", whole()), passes * slots * 11},
-        {key("record_store_check", whole()), passes * slots * 22},
+        {key("record_store", whole()), passes * slots * sizeof(derived_rec)},
+        {key("record_store_check", whole()), passes * slots * 2 * sizeof(derived_rec)},
         {key("column_load32_half_line", whole()), passes * column_words * 4},
     };
 }
@@ -555,16 +555,24 @@ traffic miss_traffic(uint32_t passes)
     };
 }
 
-const double SWAP_TABLE_PASSES = 12;  // the random swap table's entries
+// Entries of a marker-terminated table of the program's: one pass each.
+double table_entries(const uint32_t *table)
+{
+    double entries = 0;
+    for (const uint32_t *entry = table; *entry != PATT_END; entry++)
+        entries++;
+    return entries;
+}
 
 traffic crand_traffic(uint32_t)
 {
     double blocks = double(g.cache_size / 8 / 8);
     double steps = double(g.cache_size / 8);
+    const double passes_made = table_entries(gen_ram_patt);
     return {
-        {key("block32_store", half()), SWAP_TABLE_PASSES * 2 * blocks * 16},
-        {key("swap_walk", whole()), SWAP_TABLE_PASSES * steps * 16},
-        {key("block32_copy", half()), SWAP_TABLE_PASSES * 2 * blocks * 20},
+        {key("block32_store", half()), passes_made * 2 * blocks * 16},
+        {key("swap_walk", whole()), passes_made * steps * 16},
+        {key("block32_copy", half()), passes_made * 2 * blocks * 20},
     };
 }
 
@@ -574,14 +582,15 @@ traffic interconnect_traffic(uint32_t passes)
     return {{key("block_store", half()), sweep}, {key("block_load", half()), sweep}};
 }
 
-const double VARIABLE_MARCHES = 50;  // ten layouts of five base values
+const double PATTERN_LAYOUTS = 10;  // update_pattern's modes 1 to 10
 
 traffic march4_traffic(uint32_t)
 {
     double v = march_blocks_visited(64);
+    const double marches = PATTERN_LAYOUTS * table_entries(cache_patt);
     return {
-        {key("block_store", half()), VARIABLE_MARCHES * 14 * v * 64},
-        {key("block_load", half()), VARIABLE_MARCHES * (15 * v * 64 + v * 4)},
+        {key("block_store", half()), marches * 14 * v * 64},
+        {key("block_load", half()), marches * (15 * v * 64 + v * 4)},
     };
 }
 
