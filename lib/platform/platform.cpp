@@ -112,6 +112,8 @@ struct processor_lists {
     std::vector<int> possible;
     bool online_listed;
     std::vector<int> online;
+    int mask_error;            // 0: the process's CPU set was read
+    std::vector<int> allowed;  // the processors of that set, ascending
 };
 
 processor_lists read_lists(const char *cpu_dir)
@@ -119,6 +121,14 @@ processor_lists read_lists(const char *cpu_dir)
     processor_lists lists;
     lists.possible_listed = read_cpu_list(std::string(cpu_dir) + "/possible", &lists.possible);
     lists.online_listed = read_cpu_list(std::string(cpu_dir) + "/online", &lists.online);
+    cpu_mask mask;
+    lists.mask_error = read_cpu_mask(true, &mask) ? 0 : (errno != 0 ? errno : EINVAL);
+    if (lists.mask_error == 0) {
+        for (int id = 0; id < mask.processors; id++)
+            if (cpu_mask_has(mask, id))
+                lists.allowed.push_back(id);
+        free_cpu_mask(&mask);
+    }
     return lists;
 }
 
@@ -133,16 +143,15 @@ int state_of(const processor_lists &lists, int processor_id, int flag)
         errno = EINVAL;
         return -1;
     }
-    cpu_mask allowed;
-    if (!read_cpu_mask(true, &allowed))
+    if (lists.mask_error != 0) {
+        errno = lists.mask_error;
         return -1;
-    bool may_run = cpu_mask_has(allowed, processor_id);
-    free_cpu_mask(&allowed);
+    }
     // Without the kernel's online list, the processors the process may run
     // on are the online ones.
     if (lists.online_listed && !listed(lists.online, processor_id))
         return P_OFFLINE;
-    return may_run ? P_ONLINE : P_OFFLINE;
+    return listed(lists.allowed, processor_id) ? P_ONLINE : P_OFFLINE;
 }
 
 }  // namespace
@@ -154,7 +163,8 @@ int processor_state(const char *cpu_dir, int processor_id, int flag)
 
 int p_online(int processor_id, int flag)
 {
-    // Read once: a run asks for every possible processor id in turn.
+    // Read once, with the process's CPU set: a run asks for every possible
+    // processor id in turn.
     static const processor_lists lists = read_lists(CPU_DIR);
     return state_of(lists, processor_id, flag);
 }
