@@ -283,9 +283,8 @@ void note_lost_processor(int number, int value)
     }
     std::lock_guard<std::mutex> hold(report_lock);
     int n = lost_count.load();
-    for (int i = 0; i < n; i++)
-        if (lost[i].cpu == cpu)
-            return;
+    if (dxt::was_lost({lost, static_cast<size_t>(n)}, cpu))
+        return;
     if (n < max_reported) {
         lost[n] = {cpu, reason, entry};
         lost_count.store(n + 1);
