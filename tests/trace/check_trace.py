@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
-"""Runs one trace case under valgrind's lackey and compares the loads and
-stores that the program's code made inside the watched buffers, between the
-two marker reads, with the accesses the case expects (from a plain run of
-the same case): same order, same buffer and offset, same widths, same kinds.
-An instruction that reads and writes memory (lackey's M) counts as a load
-followed by a store."""
+"""Runs one trace case of the optimised program under valgrind's lackey and
+compares the loads and stores its own code made inside the blocks the case
+allocated, between the two marker reads, with the accesses the program's
+source makes through its access helpers (the fault-model runner records
+them): same order, same block and offset, same widths, same kinds. So no
+access is dropped, merged, split, widened or reordered by the compiler. An
+instruction that reads and writes memory (lackey's M) is a load and a store."""
 import argparse
 import os
 import subprocess
@@ -12,107 +13,81 @@ import sys
 import tempfile
 
 
-def parse_expected(text):
-    code = marker = None
-    buffers, expected = [], []
-    for line in text.splitlines():
-        f = line.split()
-        if not f:
-            continue
+def run(command):
+    done = subprocess.run(command, capture_output=True, text=True)
+    if done.returncode != 0:
+        sys.exit(f"{' '.join(command)}: status {done.returncode}\n{done.stdout[-2000:]}{done.stderr[-2000:]}")
+    return done.stdout
+
+
+def layout(text):
+    """The code range, the marker and the blocks a runner printed."""
+    code, marker, blocks = None, None, []
+    for f in (line.split() for line in text.splitlines()):
         if f[0] == "X":
             code = (int(f[1], 16), int(f[2], 16))
         elif f[0] == "M":
             marker = int(f[1], 16)
         elif f[0] == "B":
-            start = int(f[1], 16)
-            buffers.append((start, start + int(f[2], 16)))
-        elif f[0] in ("L", "S"):
-            expected.append((f[0], int(f[1], 16), int(f[2], 16)))
-    return code, marker, buffers, expected
+            blocks.append((int(f[1], 16), int(f[2], 16)))
+    return code, marker, blocks
 
 
-def relative(accesses, buffers):
-    """(kind, buffer index, offset, size) of each access."""
-    out = []
-    for kind, address, size in accesses:
-        index = next((i for i, (lo, hi) in enumerate(buffers) if lo <= address < hi), None)
-        out.append((kind, index, address - buffers[index][0] if index is not None else address, size))
+def inside(accesses, marker, blocks):
+    """(kind, block, offset, width) of each access between the marker reads."""
+    out, on = [], False
+    for kind, address, width in accesses:
+        if address == marker:
+            on = not on
+            continue
+        block = next((i for i, (lo, n) in enumerate(blocks) if lo <= address < lo + n), None)
+        if on and block is not None:
+            out.append((kind, block, address - blocks[block][0], width))
     return out
 
 
-def parse_actual(log, code, marker, buffers):
-    actual, inside, in_code = [], False, False
+def lackey(log, code):
     with open(log) as lines:
+        in_code = False
         for line in lines:
             if line.startswith("I"):
                 in_code = code[0] <= int(line[3:].split(",")[0], 16) < code[1]
-                continue
-            if not line.startswith(" ") or not in_code:
-                continue
-            kind = line[1]
-            address, size = line[3:].split(",")
-            address, size = int(address, 16), int(size)
-            if address == marker:
-                inside = not inside
-                continue
-            if not inside or not any(lo <= address < hi for lo, hi in buffers):
-                continue
-            if kind == "M":
-                actual += [("L", address, size), ("S", address, size)]
-            else:
-                actual.append((kind, address, size))
-    return actual
+            elif line.startswith(" ") and in_code:
+                address, width = (int(x, 16) for x in line[3:].split(","))
+                for kind in ("L", "S") if line[1] == "M" else (line[1],):
+                    yield kind, address, width
 
 
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--valgrind", default="valgrind")
     parser.add_argument("--runner", required=True)
+    parser.add_argument("--recorder", required=True)
     parser.add_argument("--case", required=True)
     args = parser.parse_args()
 
-    plain = subprocess.run([args.runner, "--expect", args.case], capture_output=True, text=True)
-    if plain.returncode != 0:
-        print(plain.stdout[-2000:], plain.stderr[-2000:])
-        print(f"{args.case}: the runner failed with status {plain.returncode}")
-        return 1
-    _, _, expected_buffers, expected = parse_expected(plain.stdout)
-
+    recorded = run([args.recorder, args.case])
+    _, marker, blocks = layout(recorded)
+    expected = inside(((f[0], int(f[1], 16), int(f[2], 16)) for f in map(str.split, recorded.splitlines())
+                       if f[0] in "LS"), marker, blocks)
     with tempfile.TemporaryDirectory() as tmp:
         log = os.path.join(tmp, "lackey.log")
-        run = subprocess.run(
-            # VEX would otherwise drop loads whose results are dead from its
-            # own translation, hiding the very loads this check looks for.
-            [args.valgrind, "--tool=lackey", "--trace-mem=yes", "--vex-iropt-level=0",
-             f"--log-file={log}", args.runner, args.case],
-            capture_output=True, text=True)
-        if run.returncode != 0:
-            print(run.stdout[-2000:], run.stderr[-2000:])
-            print(f"{args.case}: the traced runner failed with status {run.returncode}")
-            return 1
-        code, marker, buffers, _ = parse_expected(run.stdout)
-        if code is None or marker is None or not buffers:
-            print(f"{args.case}: the runner named no code range, marker or buffer")
-            return 1
-        if [hi - lo for lo, hi in buffers] != [hi - lo for lo, hi in expected_buffers]:
-            print(f"{args.case}: the two runs watched different buffers")
-            return 1
-        actual = relative(parse_actual(log, code, marker, buffers), buffers)
-    expected = relative(expected, expected_buffers)
-
-    def show(a):
-        return f"{a[0]} buffer {a[1]} +{a[2]:#x} width {a[3]}"
+        # VEX would otherwise drop loads whose results are dead from its own
+        # translation, hiding the very loads this check looks for.
+        traced = run([args.valgrind, "--tool=lackey", "--trace-mem=yes", "--vex-iropt-level=0",
+                      f"--log-file={log}", args.runner, args.case])
+        code, marker, traced_blocks = layout(traced)
+        if [n for _, n in traced_blocks] != [n for _, n in blocks]:
+            sys.exit(f"{args.case}: the two runs allocated different blocks")
+        actual = inside(lackey(log, code), marker, traced_blocks)
 
     for i, (want, got) in enumerate(zip(expected, actual)):
         if want != got:
-            print(f"{args.case}: access {i} differs: expected {show(want)}, traced {show(got)}")
-            return 1
-    if len(expected) != len(actual):
-        print(f"{args.case}: expected {len(expected)} accesses, traced {len(actual)}")
-        return 1
-    print(f"{args.case}: {len(actual)} accesses as expected")
-    return 0
+            sys.exit(f"{args.case}: access {i} differs: the source makes {want}, the program made {got}")
+    if len(expected) != len(actual) or not expected:
+        sys.exit(f"{args.case}: the source makes {len(expected)} accesses, the program made {len(actual)}")
+    print(f"{args.case}: {len(actual)} accesses as the source makes them")
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    main()

@@ -1,79 +1,100 @@
-// trace_run [--expect] CASE: runs one trace case and prints, for
-// check_trace.py:
+// trace_run CASE: runs one subtest on a tiny buffer between two reads of a
+// marker word and prints, for check_trace.py:
 //   X start end     the program's code (accesses made by other code, such as
 //                   the C library's allocator, are not the subtest's)
-//   M address       the marker word read by trace_begin and trace_end
-//   B start length  a watched buffer, in the order the case names them
-// and, with --expect only, the expected accesses in order:
-//   L/S address size
-// The traced run (under lackey) leaves the expected accesses out: every
-// instruction the runner executes there is logged, and working them out
-// would cost far more than the subtest itself. The checker takes them from
-// a plain run and compares offsets into the watched buffers, which are the
-// same in both runs.
+//   M address       the marker word
+//   B start length  each block memalign handed out, in order
+// Built against the fault-model program (trace_record), it also prints every
+// access the source makes through the access helpers, L/S address width, in
+// order: what the optimised program must do, access for access, under lackey.
+#include <malloc.h>
+
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
-#include <map>
-#include <string>
+#include <functional>
 
 #include "fakes.h"
-#include "trace_case.h"
+#include "march/genmarch.h"
+#include "stress/l2cache.h"
 #include "util/l2_util.h"
+#ifdef L2_FAULT_MODEL
+#include "fault_model.h"
+#endif
 
 extern "C" char __executable_start;
 extern "C" char etext;
 
 namespace {
 
-std::map<std::string, trace_case_fn> &cases()
-{
-    static std::map<std::string, trace_case_fn> registry;
-    return registry;
-}
-
 uint32_t marker;
-bool expecting;
 
-void expect(char kind, const void *address, unsigned size)
+void block_store_load()
 {
-    if (expecting)
-        printf("%c %" PRIxPTR " %x\n", kind, reinterpret_cast<uintptr_t>(address), size);
+    uint32_t pattern[PATTERN_WORDS];
+    for (uint32_t i = 0; i < PATTERN_WORDS; i++)
+        pattern[i] = i * 0x01010101u;
+    auto *block = static_cast<uint32_t *>(memalign(64, 64));
+    st_pattern(pattern, block, PATTERN_WORDS);
+    (void)ld_pattern(block, PATTERN_WORDS);
 }
+
+// One case a kernel family, each on a geometry that makes every phase run
+// and in which no block is freed before the next is handed out (an address
+// used twice would leave the checker unable to tell the blocks apart).
+// The 200-byte line march has a 100-byte region, so its descending blocks sit
+// 4 bytes off the ascending ones.
+const struct {
+    const char *name;
+    std::function<void()> run;
+} cases[] = {
+    {"block_store_load", block_store_load},
+    {"stress_wrrdvr", [] { cache_wrrdvr_stress(nullptr, 32, 1, 1); }},
+    {"stress_basic_dtype", [] { basic_dtype_l2cachehit_stress(nullptr, 32, 2); }},
+    {"stress_wrrdwr", [] { l2cachehit_wrrdwr(nullptr, 64, 4, 2); }},
+    {"stress_derived", [] { derived_dtype_test(nullptr, 35, 2); }},
+    {"stress_readmiss", [] { cache_readmiss(memalign(64, 64), 64, 24, 1); }},
+    {"stress_miss", [] { cache_miss_stress(nullptr, 32, 16, 2, 1); }},
+    {"stress_rand_off",
+     [] {
+         fake::script_lrand48({0x8001, 12, 3, 5, 3, 0x40, 8, 7, 9, 4, 11});
+         cache_rand_off_stress(memalign(64, 64), 64, 2);
+     }},
+    {"stress_march_rows", [] { cache_march_stress1(nullptr, 32, 16, 1); }},
+    {"stress_march_columns", [] { cache_march_stress2(nullptr, 32, 1); }},
+    {"stress_crand", [] { crand(nullptr, 64); }},
+    {"march_line_512", [] { cache_march_stress3(nullptr, 512, 1); }},
+    {"march_line_200", [] { cache_march_stress3(nullptr, 200, 1); }},
+    {"march_variable_384", [] { cache_march_stress4(nullptr, 384); }},
+    {"march_interconnect_512", [] { cache_interconnect_stress(nullptr, 512, 1); }},
+};
 
 }  // namespace
 
-trace_case::trace_case(const char *name, trace_case_fn run) { cases()[name] = run; }
-
-void trace_begin() { (void)l2_ld32(&marker); }
-void trace_end() { (void)l2_ld32(&marker); }
-
-void watch(const void *start, size_t length) { printf("B %" PRIxPTR " %zx\n", reinterpret_cast<uintptr_t>(start), length); }
-
-void watch_allocations()
-{
-    for (const fake::range &block : fake::memalign_results())
-        watch(block.address, block.length);
-}
-
-void expect_load(const void *address, unsigned size) { expect('L', address, size); }
-void expect_store(const void *address, unsigned size) { expect('S', address, size); }
-
 int main(int argc, char **argv)
 {
-    expecting = argc == 3 && strcmp(argv[1], "--expect") == 0;
-    const char *name = argv[argc - 1];
-    if (argc != 2 + expecting || cases().count(name) == 0) {
-        fprintf(stderr, "usage: trace_run [--expect] CASE\ncases:");
-        for (const auto &entry : cases())
-            fprintf(stderr, " %s", entry.first.c_str());
-        fprintf(stderr, "\n");
-        return 2;
+    for (const auto &c : cases) {
+        if (argc != 2 || strcmp(argv[1], c.name) != 0)
+            continue;
+        printf("X %" PRIxPTR " %" PRIxPTR "\nM %" PRIxPTR "\n", reinterpret_cast<uintptr_t>(&__executable_start),
+               reinterpret_cast<uintptr_t>(&etext), reinterpret_cast<uintptr_t>(&marker));
+        fake::reset();
+        pagesize = 4096;
+#ifdef L2_FAULT_MODEL
+        fault::on_access([](const void *address, unsigned width, bool store) {
+            printf("%c %" PRIxPTR " %x\n", store ? 'S' : 'L', reinterpret_cast<uintptr_t>(address), width);
+        });
+#endif
+        (void)l2_ld32(&marker);
+        c.run();
+        (void)l2_ld32(&marker);
+        for (const fake::range &block : fake::memalign_results())
+            printf("B %" PRIxPTR " %zx\n", reinterpret_cast<uintptr_t>(block.address), block.length);
+        return 0;
     }
-    printf("X %" PRIxPTR " %" PRIxPTR "\n", reinterpret_cast<uintptr_t>(&__executable_start),
-           reinterpret_cast<uintptr_t>(&etext));
-    printf("M %" PRIxPTR "\n", reinterpret_cast<uintptr_t>(&marker));
-    fake::reset();
-    cases()[name]();
-    return 0;
+    fprintf(stderr, "usage: trace_run CASE\ncases:");
+    for (const auto &c : cases)
+        fprintf(stderr, " %s", c.name);
+    fprintf(stderr, "\n");
+    return 2;
 }

@@ -1,1 +1,0 @@
-tarnel_trace(march_line_512 march_line_200 march_variable_384 march_interconnect_512)
