@@ -1,12 +1,24 @@
-#include "coverage.h"
-
+// Measured fault coverage: every subtest of the per-CPU sequence runs on
+// small buffers of the simulated faulty memory, once per planted fault, and
+// what it reports is counted per subtest and fault model.
+//
+//   coverage_report              prints the tables
+//   coverage_report DOC          writes them into DOC between its markers
+//   coverage_report --check DOC  fails when DOC shows other tables
+//
+// It also fails when a run failed for another reason than a miscompare it
+// found, a fault-free run touched memory outside its buffers, or a
+// traffic-only subtest reported a fault. A run is deterministic: one thread,
+// the program's generator seeded before every run, and fault positions drawn
+// from a fixed-seed generator of this program (never from lrand48).
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
-#include <map>
+#include <iostream>
 #include <sstream>
-#include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "fakes.h"
 #include "fault_model.h"
@@ -16,233 +28,137 @@
 
 extern "C" void __libc_free(void *);
 
-namespace coverage {
 namespace {
 
-// ---- Where faults go: a generator of this module's own ----
+// Small enough that the twenty thousand runs take seconds, large enough that
+// every subtest makes all of its phases (the half-cache marches still have
+// 16 or 32 blocks, the set kernels 16 sets); two passes, so the ping-pong
+// walks of the hit test verify every element (up, then down).
+enum : uint32_t { CACHE_SIZE = 2048, LINE_SIZE = 64, WAYS = 4, ITERATIONS = 2 };
+constexpr int PLACEMENTS = 256;  // fault positions per subtest, the same for every model
+constexpr int SEEDS = 16;        // placement j runs with the subtest's seed j % SEEDS
+constexpr uint8_t FILL_BYTE = 0x5A;  // every buffer starts so: a lost write keeps a known value
 
-// splitmix64: a fixed seed gives the same positions on every machine.
-class position_draws {
-public:
-    explicit position_draws(uint64_t seed) : state_(seed) {}
+enum model { STUCK_AT_0, STUCK_AT_1, LOST_WRITE, ALIAS, COUPLING, MODELS };
+const char *const model_names[MODELS] = {"Stuck at 0", "Stuck at 1", "Lost write", "Alias", "Coupling"};
+
+alignas(4096) char given_buffer[CACHE_SIZE];  // the Random Offset test is handed its buffer
+
+struct subtest {
+    const char *name;
+    const char *function;
+    bool verifies;  // compares what it reads back (else traffic only)
+    bool given;     // works on given_buffer instead of allocating
+    std::function<int()> run;
+};
+
+const subtest subtests[] = {
+    {"Write/Read/Verify", "cache_wrrdvr_stress", true, false,
+     [] { return cache_wrrdvr_stress(nullptr, CACHE_SIZE, WAYS, ITERATIONS); }},
+    {"Cache Hit", "cache_hit_stress", true, false, [] { return cache_hit_stress(nullptr, CACHE_SIZE, LINE_SIZE, ITERATIONS); }},
+    {"Cache Miss", "cache_miss_stress", false, false,
+     [] { return cache_miss_stress(nullptr, CACHE_SIZE, LINE_SIZE, WAYS, ITERATIONS); }},
+    {"Random Swap", "crand", false, false, [] { return crand(nullptr, CACHE_SIZE); }},
+    {"Interconnect", "cache_interconnect_stress", false, false,
+     [] { return cache_interconnect_stress(nullptr, CACHE_SIZE, ITERATIONS); }},
+    {"30N march, variable data", "cache_march_stress4", false, false, [] { return cache_march_stress4(nullptr, CACHE_SIZE); }},
+    {"30N march, line striding", "cache_march_stress3", false, false,
+     [] { return cache_march_stress3(nullptr, CACHE_SIZE, ITERATIONS); }},
+    {"Row-striding march", "cache_march_stress1", true, false,
+     [] { return cache_march_stress1(nullptr, CACHE_SIZE, LINE_SIZE, ITERATIONS); }},
+    {"Column-striding march", "cache_march_stress2", true, false,
+     [] { return cache_march_stress2(nullptr, CACHE_SIZE, ITERATIONS); }},
+    {"Random Offset", "cache_rand_off_stress", true, true,
+     [] { return cache_rand_off_stress(given_buffer, CACHE_SIZE, ITERATIONS); }},
+};
+
+// splitmix64, one stream per subtest and purpose (FNV-1a of its function's
+// name), so the positions of one subtest do not move when another changes.
+struct draws {
+    uint64_t state;
+    draws(const subtest &test, uint64_t purpose) : state(0xCBF29CE484222325u)
+    {
+        for (const char *c = test.function; *c != '\0'; c++)
+            state = (state ^ static_cast<unsigned char>(*c)) * 0x100000001B3u;
+        state ^= purpose;
+    }
     uint64_t next()
     {
-        uint64_t z = (state_ += 0x9E3779B97F4A7C15u);
+        uint64_t z = (state += 0x9E3779B97F4A7C15u);
         z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9u;
         z = (z ^ (z >> 27)) * 0x94D049BB133111EBu;
         return z ^ (z >> 31);
     }
     uint32_t below(uint32_t bound) { return static_cast<uint32_t>(next() % bound); }
-
-private:
-    uint64_t state_;
 };
 
-// A subtest's own stream, by the name of its function (FNV-1a), so that the
-// positions of one subtest do not move when another is added.
-uint64_t stream_of(const subtest &test, uint64_t purpose)
-{
-    uint64_t h = 0xCBF29CE484222325u;
-    for (const char *c = test.function; *c != '\0'; c++)
-        h = (h ^ static_cast<unsigned char>(*c)) * 0x100000001B3u;
-    return h ^ purpose;
-}
-
-enum : uint64_t {
-    SEED_STREAM = 1,
-    PLACEMENT_STREAM = 2,
-    VERIFIED_STREAM = 3,
-};
-
-// The seeds the program's generator starts from (srand48 keeps 32 bits).
 std::vector<long> seeds_of(const subtest &test)
 {
-    position_draws draws(stream_of(test, SEED_STREAM));
+    draws d(test, 1);
     std::vector<long> seeds;
     for (int s = 0; s < SEEDS; s++)
-        seeds.push_back(static_cast<long>(draws.next() & 0xFFFFFFFFu));
+        seeds.push_back(static_cast<long>(d.next() & 0xFFFFFFFFu));  // srand48 keeps 32 bits
     return seeds;
 }
 
-// ---- The heap, as far as the runs need it ----
+// What a fault-free run did with each word of each buffer.
+enum use : uint8_t { TOUCHED = 1, STORED = 2, READ_BACK = 4 };  // read back: loaded after a store
 
-// The buffer handed to the Random Offset test; the others allocate their own.
-char *given_buffer()
-{
-    static char *buffer = static_cast<char *>(aligned_alloc(4096, CACHE_SIZE));
-    return buffer;
-}
-
-// A fault belongs to the buffer it is planted in: when the subtest frees
-// that buffer the fault goes with it, and a later buffer that reuses the
-// address (the hit test's kernels each allocate and free one in turn) is
-// sound memory.
-char *planted_block;
-
-// The allocations of a fault-free run, so that every access can be put to
-// the buffer it falls in.
-struct allocation {
+struct buffer {
     char *start;
     size_t length;
     bool live;
+    std::vector<uint8_t> words;
 };
 
 struct probe {
-    bool failed = false;  // the fault-free run did not return 0
-    std::vector<allocation> allocations;
-    std::vector<std::vector<bool>> touched;  // per allocation, per word
-    int stray = 0;                           // accesses outside every live buffer
+    bool failed = false;
+    std::vector<buffer> buffers;
+    int stray = 0;  // accesses outside every live buffer
 };
 
 probe *probing;
+char *planted_block;  // a fault ends with the buffer it is planted in
 
-void note_access(const void *address, unsigned width)
+void note_buffer(void *block, size_t length)
 {
-    auto byte = reinterpret_cast<uintptr_t>(address);
-    for (size_t a = probing->allocations.size(); a-- > 0;) {
-        const allocation &block = probing->allocations[a];
-        auto start = reinterpret_cast<uintptr_t>(block.start);
-        if (!block.live || byte < start || byte + width > start + block.length)
+    std::memset(block, FILL_BYTE, length);
+    probing->buffers.push_back({static_cast<char *>(block), length, true, std::vector<uint8_t>((length + 3) / 4)});
+}
+
+void note_access(const void *address, unsigned width, bool store)
+{
+    auto byte = reinterpret_cast<const char *>(address);
+    for (size_t b = probing->buffers.size(); b-- > 0;) {
+        buffer &in = probing->buffers[b];
+        if (!in.live || byte < in.start || byte + width > in.start + in.length)
             continue;
-        for (uintptr_t word = (byte - start) / 4; word <= (byte + width - 1 - start) / 4; word++)
-            probing->touched[a][word] = true;
+        for (auto w = static_cast<size_t>(byte - in.start) / 4; w <= static_cast<size_t>(byte + width - 1 - in.start) / 4; w++)
+            in.words[w] |= TOUCHED | (store ? STORED : (in.words[w] & STORED) ? READ_BACK : 0);
         return;
     }
     probing->stray++;
 }
 
-void note_allocation(void *block, size_t length)
-{
-    probing->allocations.push_back({static_cast<char *>(block), length, true});
-    probing->touched.emplace_back((length + 3) / 4, false);
-}
-
 }  // namespace
-}  // namespace coverage
 
 // Every free of the process passes here: it ends the fault planted in the
-// block being freed, and the life of a block a fault-free run watches.
+// block being freed (a later kernel's buffer at the same address is sound
+// memory), and the life of a block a fault-free run watches.
 extern "C" void free(void *address)
 {
-    using namespace coverage;
     if (address != nullptr && address == planted_block) {
         planted_block = nullptr;
         fault::reset();
     }
-    if (address != nullptr && probing != nullptr) {
-        for (allocation &block : probing->allocations)
-            if (block.start == address)
-                block.live = false;
-    }
+    if (address != nullptr && probing != nullptr)
+        for (buffer &b : probing->buffers)
+            if (b.start == address)
+                b.live = false;
     __libc_free(address);
 }
 
-namespace coverage {
-
-const char *const model_names[FAULT_MODELS] = {"Stuck at 0", "Stuck at 1", "Lost write", "Alias", "Coupling"};
-
 namespace {
-
-// ---- The subtests and the bytes each verifies ----
-
-bool wrrdvr_verified(int allocation, uint32_t byte, long)
-{
-    // Regions A and B, one cache size each, at the start of the buffer.
-    return allocation == 0 && byte < 2 * CACHE_SIZE;
-}
-
-bool hit_verified(int allocation, uint32_t byte, long)
-{
-    // Buffer 0: the 64-bit store-and-verify phase over every 8-byte element
-    // (two passes of the ping-pong walk, up to the last element and back
-    // down to the first). Buffer 2: every field of every whole packed
-    // record. Buffers 1 and 3 (the line-stride and column kernels) are never
-    // compared.
-    if (allocation == 0)
-        return byte < CACHE_SIZE / 8 * 8;
-    if (allocation == 2)
-        return byte < CACHE_SIZE / sizeof(derived_rec) * sizeof(derived_rec);
-    return false;
-}
-
-bool march_rows_verified(int allocation, uint32_t byte, long)
-{
-    // Every word of every row of the double-size buffer.
-    return allocation == 0 && byte < 2 * CACHE_SIZE / LINE_SIZE * (LINE_SIZE / 4 * 4);
-}
-
-bool march_columns_verified(int allocation, uint32_t byte, long)
-{
-    return allocation == 0 && byte < CACHE_SIZE / 4 * 4;
-}
-
-// The words of the Random Offset test's second list, drawn again from the
-// same seed in the order the test draws: the first pattern, the first list
-// (its size, then its entries), the second pattern, the second list.
-std::vector<bool> second_list(long seed)
-{
-    const uint32_t words = CACHE_SIZE / 4;
-    auto list_size = [] { return ((static_cast<uint32_t>(lrand48()) & 0x7FF) + 3) / 4; };
-    srand48(seed);
-    (void)lrand48();
-    for (uint32_t n = list_size(); n > 0; n--)
-        (void)lrand48();
-    (void)lrand48();
-    std::vector<bool> listed(words, false);
-    for (uint32_t n = list_size(); n > 0; n--)
-        listed[static_cast<uint32_t>(lrand48()) % words] = true;
-    return listed;
-}
-
-bool rand_off_verified(int allocation, uint32_t byte, long seed)
-{
-    static std::map<long, std::vector<bool>> lists;
-    auto found = lists.find(seed);
-    if (found == lists.end())
-        found = lists.emplace(seed, second_list(seed)).first;
-    return allocation == 0 && byte < CACHE_SIZE / 4 * 4 && found->second[byte / 4];
-}
-
-}  // namespace
-
-const std::vector<subtest> &subtests()
-{
-    static const std::vector<subtest> all = {
-        {"Write/Read/Verify", "cache_wrrdvr_stress", true, false,
-         [](void *) { return cache_wrrdvr_stress(nullptr, CACHE_SIZE, WAYS, ITERATIONS); }, wrrdvr_verified},
-        {"Cache Hit", "cache_hit_stress", true, false,
-         [](void *) { return cache_hit_stress(nullptr, CACHE_SIZE, LINE_SIZE, ITERATIONS); }, hit_verified},
-        {"Cache Miss", "cache_miss_stress", false, false,
-         [](void *) { return cache_miss_stress(nullptr, CACHE_SIZE, LINE_SIZE, WAYS, ITERATIONS); }, nullptr},
-        {"Random Swap", "crand", false, false, [](void *) { return crand(nullptr, CACHE_SIZE); }, nullptr},
-        {"Interconnect", "cache_interconnect_stress", false, false,
-         [](void *) { return cache_interconnect_stress(nullptr, CACHE_SIZE, ITERATIONS); }, nullptr},
-        {"30N march, variable data", "cache_march_stress4", false, false,
-         [](void *) { return cache_march_stress4(nullptr, CACHE_SIZE); }, nullptr},
-        {"30N march, line striding", "cache_march_stress3", false, false,
-         [](void *) { return cache_march_stress3(nullptr, CACHE_SIZE, ITERATIONS); }, nullptr},
-        {"Row-striding march", "cache_march_stress1", true, false,
-         [](void *) { return cache_march_stress1(nullptr, CACHE_SIZE, LINE_SIZE, ITERATIONS); },
-         march_rows_verified},
-        {"Column-striding march", "cache_march_stress2", true, false,
-         [](void *) { return cache_march_stress2(nullptr, CACHE_SIZE, ITERATIONS); }, march_columns_verified},
-        {"Random Offset", "cache_rand_off_stress", true, true,
-         [](void *given) { return cache_rand_off_stress(given, CACHE_SIZE, ITERATIONS); }, rand_off_verified},
-    };
-    return all;
-}
-
-const subtest &find(const std::string &function)
-{
-    for (const subtest &test : subtests())
-        if (function == test.function)
-            return test;
-    throw std::invalid_argument("no subtest " + function);
-}
-
-namespace {
-
-// ---- Runs ----
 
 void start_run(long seed)
 {
@@ -252,28 +168,19 @@ void start_run(long seed)
     srand48(seed);
 }
 
-// A fault-free run, watched: which words of which buffer it touches.
 probe probe_run(const subtest &test, long seed)
 {
     probe watched;
-    // Room for every buffer of a subtest: the lists must not move while
-    // free() looks at them.
-    watched.allocations.reserve(16);
-    watched.touched.reserve(16);
+    watched.buffers.reserve(16);  // free() looks at them: they must not move
     start_run(seed);
     probing = &watched;
-    if (test.given_buffer) {
-        std::memset(given_buffer(), FILL_BYTE, CACHE_SIZE);
-        note_allocation(given_buffer(), CACHE_SIZE);
-    } else {
-        fake::on_memalign([](void *block, size_t length) {
-            std::memset(block, FILL_BYTE, length);
-            note_allocation(block, length);
-        });
-    }
-    fault::on_access([](const void *address, unsigned width, bool) { note_access(address, width); });
+    if (test.given)
+        note_buffer(given_buffer, CACHE_SIZE);
+    else
+        fake::on_memalign(note_buffer);
+    fault::on_access(note_access);
     try {
-        watched.failed = test.run(given_buffer()) != 0;
+        watched.failed = test.run() != 0;
     } catch (const fake::exit_request &) {
         watched.failed = true;
     }
@@ -284,19 +191,18 @@ probe probe_run(const subtest &test, long seed)
 
 enum verdict { PASSED, FOUND, OTHER };
 
-// One run with a fault planted in allocation `allocation` of the subtest
-// (the nth memalign of its run, or the buffer handed to it). FOUND when it
-// reports the miscompare it found; OTHER for any other failure.
-verdict planted_run(const subtest &test, long seed, int allocation, const std::function<void(char *)> &plant)
+// A run with a fault planted in the subtest's nth buffer. FOUND when it
+// reports the miscompare (a status, or the message that ends the test);
+// OTHER for any other failure, or when the buffer never came.
+verdict planted_run(const subtest &test, long seed, int nth, const std::function<void(char *)> &plant)
 {
     start_run(seed);
-    bool planted = false;
-    if (test.given_buffer) {
-        std::memset(given_buffer(), FILL_BYTE, CACHE_SIZE);
-        plant(given_buffer());
-        planted = true;
+    bool planted = test.given;
+    if (test.given) {
+        std::memset(given_buffer, FILL_BYTE, CACHE_SIZE);
+        plant(given_buffer);
     } else {
-        fault::in_allocation(allocation, [&](char *block, size_t length) {
+        fault::in_allocation(nth, [&](char *block, size_t length) {
             std::memset(block, FILL_BYTE, length);
             plant(block);
             planted_block = block;
@@ -304,388 +210,207 @@ verdict planted_run(const subtest &test, long seed, int allocation, const std::f
         });
     }
     int status = 0;
-    bool ended = false;
-    bool miscompare_message = false;
+    bool miscompare = false;
     try {
-        status = test.run(given_buffer());
+        status = test.run();
+        miscompare = status == L2_MISCOMPARE;
     } catch (const fake::exit_request &request) {
-        ended = true;
-        miscompare_message = request.number == MSG_MISCOMPARE && request.exit_flag != DXT_RETURN;
+        status = -1;
+        miscompare = request.number == MSG_MISCOMPARE;
     }
     planted_block = nullptr;
     fault::reset();
-
-    if (!planted)
-        return OTHER;
-    if (!ended && status == L2_PASSED)
+    if (planted && status == L2_PASSED)
         return PASSED;
-    bool miscompare = ended ? miscompare_message : status == L2_MISCOMPARE;
-    return test.verifies && miscompare ? FOUND : OTHER;
-}
-
-struct placement {
-    int allocation;
-    uint32_t word;
-    int bit;
-    uint32_t alias_of;  // the word XOR one address bit: a decoder that ignores that bit
-    uint32_t victim;    // the coupling's victim, any other word of the buffer
-    int seed;           // index into the subtest's seeds
-};
-
-std::vector<placement> placements_of(const subtest &test, const std::vector<allocation> &allocations)
-{
-    uint32_t all_words = 0;
-    for (const allocation &block : allocations)
-        all_words += static_cast<uint32_t>(block.length / 4);
-    position_draws draws(stream_of(test, PLACEMENT_STREAM));
-    std::vector<placement> drawn;
-    if (all_words == 0)
-        return drawn;  // no buffer: the fault-free run has already failed
-    for (int j = 0; j < PLACEMENTS; j++) {
-        // Uniform over every word of every buffer of the subtest.
-        uint32_t global = draws.below(all_words);
-        int a = 0;
-        while (global >= allocations[a].length / 4)
-            global -= static_cast<uint32_t>(allocations[a++].length / 4);
-        uint32_t words = static_cast<uint32_t>(allocations[a].length / 4);
-        placement p{a, global, static_cast<int>(draws.below(32)), 0, 0, j % SEEDS};
-        std::vector<uint32_t> address_bits;
-        for (uint32_t bit = 0; (1u << bit) < words; bit++)
-            if ((p.word ^ (1u << bit)) < words)
-                address_bits.push_back(bit);
-        p.alias_of = p.word ^ (1u << address_bits[draws.below(static_cast<uint32_t>(address_bits.size()))]);
-        p.victim = draws.below(words - 1);
-        if (p.victim >= p.word)
-            p.victim++;
-        drawn.push_back(p);
-    }
-    return drawn;
+    return planted && test.verifies && miscompare ? FOUND : OTHER;
 }
 
 char *word_at(char *block, uint32_t word) { return block + 4 * uintptr_t{word}; }
 
-std::function<void(char *)> fault_of(fault_model model, const placement &p)
+struct placement {
+    int nth;
+    uint32_t word, other;  // other: the alias (word XOR one address bit) or the coupling's victim
+    int bit;
+    int seed;
+};
+
+std::function<void(char *)> fault_of(int m, const placement &p)
 {
-    switch (model) {
+    switch (m) {
     case STUCK_AT_0:
     case STUCK_AT_1:
-        return [p, model](char *b) { fault::stuck_at(word_at(b, p.word), p.bit, model == STUCK_AT_1 ? 1 : 0); };
+        return [p, m](char *b) { fault::stuck_at(word_at(b, p.word), p.bit, m == STUCK_AT_1); };
     case LOST_WRITE:
         return [p](char *b) { fault::lost_write(word_at(b, p.word)); };
     case ALIAS:
-        return [p](char *b) { fault::alias(word_at(b, p.word), word_at(b, p.alias_of)); };
-    case COUPLING:
+        return [p](char *b) { fault::alias(word_at(b, p.word), word_at(b, p.other)); };
     default:
-        return [p](char *b) { fault::coupling(word_at(b, p.word), word_at(b, p.victim), p.bit); };
+        return [p](char *b) { fault::coupling(word_at(b, p.word), word_at(b, p.other), p.bit); };
     }
 }
 
-// Whether every word the fault names is touched by the fault-free run.
-bool touched(const probe &run, fault_model model, const placement &p)
-{
-    const std::vector<bool> &words = run.touched[p.allocation];
-    if (!words[p.word])
-        return false;
-    if (model == ALIAS)
-        return words[p.alias_of];
-    if (model == COUPLING)
-        return words[p.victim];
-    return true;
-}
-
-// Whether the subtest compares every word the fault names, in a run from
-// `seed`: for a stuck bit and a coupling's victim, the byte of the bit.
-bool compared(const subtest &test, long seed, fault_model model, const placement &p)
-{
-    auto byte_compared = [&](uint32_t word, int bit) {
-        return test.verified(p.allocation, 4 * word + static_cast<uint32_t>(bit) / 8, seed);
-    };
-    auto word_compared = [&](uint32_t word) {
-        for (int byte = 0; byte < 4; byte++)
-            if (byte_compared(word, 8 * byte))
-                return true;
-        return false;
-    };
-    if (test.verified == nullptr)
-        return false;
-    switch (model) {
-    case STUCK_AT_0:
-    case STUCK_AT_1:
-        return byte_compared(p.word, p.bit);
-    case ALIAS:
-        return word_compared(p.word) && word_compared(p.alias_of);
-    case COUPLING:
-        return word_compared(p.word) && byte_compared(p.victim, p.bit);
-    case LOST_WRITE:
-    default:
-        return word_compared(p.word);
+struct share {
+    int found = 0, placed = 0;
+    void add(bool f) { placed++, found += f; }
+    std::string text() const
+    {
+        char t[64];
+        std::snprintf(t, sizeof t, "%.1f%% (%d/%d)", placed ? 100.0 * found / placed : 0.0, found, placed);
+        return placed ? t : "-";
     }
-}
+};
 
-}  // namespace
+struct row {
+    share all[MODELS], touched[MODELS], read_back[MODELS];
+    share stuck[3];  // every read-back word: at 0, at 1, either
+    int other_failures = 0, stray = 0;
+};
 
 row measure(const subtest &test)
 {
-    row result;
-    result.test = &test;
+    row r;
     std::vector<long> seeds = seeds_of(test);
     std::vector<probe> probes;
     for (long seed : seeds) {
         probes.push_back(probe_run(test, seed));
-        result.other_failures += probes.back().failed;
-        result.stray_accesses += probes.back().stray;
+        r.other_failures += probes.back().failed;
+        r.stray += probes.back().stray;
     }
-    for (const placement &p : placements_of(test, probes[0].allocations)) {
-        for (int m = 0; m < FAULT_MODELS; m++) {
-            auto model = static_cast<fault_model>(m);
-            verdict v = planted_run(test, seeds[p.seed], p.allocation, fault_of(model, p));
-            bool found = v == FOUND;
-            cell &c = result.cells[m];
-            c.placed++;
-            c.found += found;
-            if (touched(probes[p.seed], model, p)) {
-                c.placed_touched++;
-                c.found_touched += found;
-            }
-            if (compared(test, seeds[p.seed], model, p)) {
-                c.placed_compared++;
-                c.found_compared += found;
-            }
-            result.other_failures += v == OTHER;
+    const std::vector<buffer> &buffers = probes[0].buffers;
+    uint32_t all_words = 0;
+    for (const buffer &b : buffers)
+        all_words += static_cast<uint32_t>(b.words.size());
+    draws d(test, 2);
+    for (int j = 0; j < PLACEMENTS && all_words > 0; j++) {
+        placement p{0, d.below(all_words), 0, static_cast<int>(d.below(32)), j % SEEDS};
+        while (p.word >= buffers[p.nth].words.size())
+            p.word -= static_cast<uint32_t>(buffers[p.nth++].words.size());
+        auto words = static_cast<uint32_t>(buffers[p.nth].words.size());
+        std::vector<uint32_t> address_bits;  // a decoder that ignores one of them
+        for (uint32_t bit = 0; (1u << bit) < words; bit++)
+            if ((p.word ^ (1u << bit)) < words)
+                address_bits.push_back(bit);
+        uint32_t alias = p.word ^ (1u << address_bits[d.below(static_cast<uint32_t>(address_bits.size()))]);
+        uint32_t victim = d.below(words - 1);
+        victim += victim >= p.word;
+        const std::vector<uint8_t> &use = probes[p.seed].buffers[p.nth].words;
+        for (int m = 0; m < MODELS; m++) {
+            p.other = m == ALIAS ? alias : victim;
+            bool two_words = m == ALIAS || m == COUPLING;
+            verdict v = planted_run(test, seeds[p.seed], p.nth, fault_of(m, p));
+            r.all[m].add(v == FOUND);
+            if ((use[p.word] & TOUCHED) && (!two_words || (use[p.other] & TOUCHED)))
+                r.touched[m].add(v == FOUND);
+            if ((use[p.word] & READ_BACK) && (!two_words || (use[p.other] & READ_BACK)))
+                r.read_back[m].add(v == FOUND);
+            r.other_failures += v == OTHER;
         }
     }
-    return result;
-}
-
-verified_check check_verified(const subtest &test)
-{
-    verified_check result;
-    result.test = &test;
-    if (test.verified == nullptr)
-        return result;
-    std::vector<long> seeds = seeds_of(test);
-    probe sizes = probe_run(test, seeds[0]);
-    position_draws draws(stream_of(test, VERIFIED_STREAM));
-    for (size_t a = 0; a < sizes.allocations.size(); a++) {
-        auto words = static_cast<uint32_t>(sizes.allocations[a].length / 4);
-        for (uint32_t w = 0; w < words; w++) {
-            long seed = seeds[w % SEEDS];
-            std::vector<int> bits;
-            for (uint32_t byte = 0; byte < 4; byte++)
-                if (test.verified(static_cast<int>(a), 4 * w + byte, seed))
-                    for (int bit = 0; bit < 8; bit++)
-                        bits.push_back(static_cast<int>(8 * byte) + bit);
-            if (bits.empty())
+    // Every read-back word of a verifying subtest, a drawn bit stuck at 0,
+    // then at 1, from the seed of the word's number.
+    draws bits(test, 3);
+    for (int nth = 0; test.verifies && nth < static_cast<int>(buffers.size()); nth++)
+        for (uint32_t w = 0; w < buffers[nth].words.size(); w++) {
+            if (!(probes[w % SEEDS].buffers[nth].words[w] & READ_BACK))
                 continue;
-            int bit = bits[draws.below(static_cast<uint32_t>(bits.size()))];
+            int bit = static_cast<int>(bits.below(32));
             bool found[2];
             for (int value = 0; value < 2; value++)
-                found[value] = planted_run(test, seed, static_cast<int>(a), [w, bit, value](char *b) {
+                found[value] = planted_run(test, seeds[w % SEEDS], nth, [w, bit, value](char *b) {
                                    fault::stuck_at(word_at(b, w), bit, value);
                                }) == FOUND;
-            result.words++;
-            result.found_0 += found[0];
-            result.found_1 += found[1];
-            result.found_either += found[0] || found[1];
+            r.stuck[0].add(found[0]);
+            r.stuck[1].add(found[1]);
+            r.stuck[2].add(found[0] || found[1]);
         }
-    }
-    return result;
+    return r;
 }
 
-region_alias check_region_alias()
+const char BEGIN[] = "<!-- coverage_report: begin of the generated tables, do not edit -->";
+const char END[] = "<!-- coverage_report: end of the generated tables -->";
+
+std::string table_line(const subtest &test, const share *cells, int n)
 {
-    const subtest &test = find("cache_wrrdvr_stress");
-    std::vector<long> seeds = seeds_of(test);
-    region_alias result;
-    const uint32_t words = CACHE_SIZE / 4;  // per region; B[i] is word words + i
-    for (uint32_t i = 0; i < words; i++) {
-        long seed = seeds[i % SEEDS];
-        result.words++;
-        result.found_b_onto_a += planted_run(test, seed, 0, [i](char *b) {
-                                     fault::alias(word_at(b, words + i), word_at(b, i));
-                                 }) == FOUND;
-        result.found_a_onto_b += planted_run(test, seed, 0, [i](char *b) {
-                                     fault::alias(word_at(b, i), word_at(b, words + i));
-                                 }) == FOUND;
-    }
-    return result;
-}
-
-// ---- The document ----
-
-const char BLOCK_BEGIN[] = "<!-- coverage_report: begin of the generated tables, do not edit -->";
-const char BLOCK_END[] = "<!-- coverage_report: end of the generated tables -->";
-const char REGENERATE[] =
-    "cmake --build build/test --target coverage_report && build/test/tests/coverage/coverage_report "
-    "docs/COVERAGE.md";
-
-namespace {
-
-std::string share(int found, int placed)
-{
-    if (placed == 0)
-        return "-";
-    char text[64];
-    std::snprintf(text, sizeof text, "%.1f%% (%d/%d)", 100.0 * found / placed, found, placed);
-    return text;
-}
-
-std::string label(const subtest &test) { return std::string(test.name) + " `" + test.function + "`"; }
-
-std::string join(const std::vector<std::string> &cells)
-{
-    std::string line = "|";
-    for (const std::string &c : cells)
-        line += " " + c + " |";
+    std::string line = std::string("| ") + test.name + " `" + test.function + "` |";
+    for (int i = 0; i < n; i++)
+        line += " " + cells[i].text() + " |";
     return line;
 }
 
-}  // namespace
-
-std::string all_words_line(const row &r)
+std::string tables(const std::vector<row> &rows)
 {
-    std::vector<std::string> cells = {label(*r.test)};
-    for (const cell &c : r.cells)
-        cells.push_back(share(c.found, c.placed));
-    cells.push_back(std::to_string(r.other_failures));
-    return join(cells);
-}
-
-std::string touched_words_line(const row &r)
-{
-    std::vector<std::string> cells = {label(*r.test)};
-    for (const cell &c : r.cells)
-        cells.push_back(share(c.found_touched, c.placed_touched));
-    return join(cells);
-}
-
-std::string compared_words_line(const row &r)
-{
-    std::vector<std::string> cells = {label(*r.test)};
-    for (const cell &c : r.cells)
-        cells.push_back(share(c.found_compared, c.placed_compared));
-    return join(cells);
-}
-
-std::string verified_line(const verified_check &c)
-{
-    return join({label(*c.test), std::to_string(c.words), share(c.found_0, c.words), share(c.found_1, c.words),
-                 share(c.found_either, c.words)});
-}
-
-std::string region_alias_line(const region_alias &a)
-{
-    return join({"`cache_wrrdvr_stress` regions A and B", std::to_string(a.words),
-                 share(a.found_b_onto_a, a.words), share(a.found_a_onto_b, a.words)});
-}
-
-std::vector<std::string> block(const std::vector<row> &rows, const std::vector<verified_check> &checks,
-                               const region_alias &alias)
-{
-    char geometry[256];
-    std::snprintf(geometry, sizeof geometry,
-                  "Every subtest runs with `cache_size` %u, `line_size` %u, `ways` %u and `iterations` %u; "
-                  "%d placements per subtest, the same positions for every fault model, over %d seeds of "
-                  "the program's generator.",
-                  unsigned{CACHE_SIZE}, unsigned{LINE_SIZE}, unsigned{WAYS}, unsigned{ITERATIONS}, PLACEMENTS,
-                  SEEDS);
-    std::string models_header = "| Subtest |";
-    std::string rule = "|---|";
-    for (const char *name : model_names) {
-        models_header += std::string(" ") + name + " |";
-        rule += "---|";
+    std::ostringstream out;
+    out << "\nEvery subtest runs with `cache_size` " << CACHE_SIZE << ", `line_size` " << LINE_SIZE << ", `ways` "
+        << WAYS << " and `iterations` " << ITERATIONS << "; " << PLACEMENTS
+        << " placements per subtest, the same positions for every fault model, over " << SEEDS
+        << " seeds of the program's generator.\n";
+    std::string header = "| Subtest |", rule = "|---|";
+    for (const char *name : model_names)
+        header += std::string(" ") + name + " |", rule += "---|";
+    const struct {
+        const char *title;
+        const share *(*cells)(const row &);
+        bool verifying_only;
+    } views[] = {{"of all words", [](const row &r) -> const share * { return r.all; }, false},
+                 {"of the words the subtest touches", [](const row &r) -> const share * { return r.touched; }, false},
+                 {"of the words the subtest reads back after writing them",
+                  [](const row &r) -> const share * { return r.read_back; }, true}};
+    for (const auto &view : views) {
+        out << "\n### Found, " << view.title << "\n\n" << header << "\n" << rule << "\n";
+        for (size_t i = 0; i < rows.size(); i++)
+            if (subtests[i].verifies || !view.verifying_only)
+                out << table_line(subtests[i], view.cells(rows[i]), MODELS) << "\n";
     }
-    std::vector<std::string> lines = {
-        "",
-        geometry,
-        "",
-        "### Found, of all words",
-        "",
-        models_header + " Other failures |",
-        rule + "---|",
-    };
-    for (const row &r : rows)
-        lines.push_back(all_words_line(r));
-    lines.insert(lines.end(), {"", "### Found, of the words the subtest touches", "", models_header, rule});
-    for (const row &r : rows)
-        lines.push_back(touched_words_line(r));
-    lines.insert(lines.end(), {"", "### Found, of the words the subtest compares", "", models_header, rule});
-    for (const row &r : rows)
-        if (r.test->verifies)
-            lines.push_back(compared_words_line(r));
-    lines.insert(lines.end(), {"", "### Every word a verifying subtest compares, a bit stuck at 0 and at 1", "",
-                               "| Subtest | Words | Stuck at 0 | Stuck at 1 | Either |", "|---|---|---|---|---|"});
-    for (const verified_check &c : checks)
-        lines.push_back(verified_line(c));
-    lines.insert(lines.end(), {"", "### Alias between the two regions of the Write/Read/Verify test", "",
-                               "| Regions | Words i | B[i] onto A[i] | A[i] onto B[i] |", "|---|---|---|---|",
-                               region_alias_line(alias), ""});
-    return lines;
-}
-
-std::vector<std::string> layout(const std::vector<std::string> &block_lines)
-{
-    std::vector<std::string> cut;
-    for (const std::string &line : block_lines) {
-        // A table line whose first cell names a function holds data.
-        size_t end = line.find(" |", 2);
-        bool table = line.rfind("| ", 0) == 0 && end != std::string::npos;
-        bool data = table && line.substr(0, end).find('`') != std::string::npos;
-        cut.push_back(data ? line.substr(0, end + 2) : line);
-    }
-    return cut;
-}
-
-namespace {
-
-std::vector<std::string> lines_of(const std::string &text)
-{
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
+    out << "\n### Every word a verifying subtest reads back, a bit stuck at 0 and at 1\n\n"
+        << "| Subtest | Stuck at 0 | Stuck at 1 | Either |\n|---|---|---|---|\n";
+    for (size_t i = 0; i < rows.size(); i++)
+        if (subtests[i].verifies)
+            out << table_line(subtests[i], rows[i].stuck, 3) << "\n";
+    return out.str();
 }
 
 }  // namespace
 
-std::vector<std::string> block_of(const std::string &document)
+int main(int argc, char **argv)
 {
-    std::vector<std::string> lines = lines_of(document);
-    std::vector<std::string> inside;
-    bool in_block = false;
-    for (const std::string &line : lines) {
-        if (line == BLOCK_END)
-            return in_block ? inside : std::vector<std::string>{};
-        if (in_block)
-            inside.push_back(line);
-        if (line == BLOCK_BEGIN)
-            in_block = true;
-    }
-    return {};
-}
-
-std::string with_block(const std::string &document, const std::vector<std::string> &block_lines)
-{
-    std::string result;
-    bool begun = false;
-    bool in_block = false;
-    bool ended = false;
-    for (const std::string &line : lines_of(document)) {
-        if (in_block && line != BLOCK_END)
-            continue;
-        if (line == BLOCK_END && in_block) {
-            in_block = false;
-            ended = true;
-        }
-        result += line + "\n";
-        if (line == BLOCK_BEGIN && !begun) {
-            begun = in_block = true;
-            for (const std::string &b : block_lines)
-                result += b + "\n";
+    std::vector<row> rows;
+    int bad = 0;
+    for (const subtest &test : subtests) {
+        std::fprintf(stderr, "measuring %s\n", test.function);
+        rows.push_back(measure(test));
+        const row &r = rows.back();
+        bool found_by_traffic = !test.verifies && r.all[LOST_WRITE].found + r.all[STUCK_AT_1].found > 0;
+        if (r.other_failures != 0 || r.stray != 0 || found_by_traffic) {
+            std::fprintf(stderr, "%s: %d runs failed for another reason, %d fault-free accesses outside its buffers%s\n",
+                         test.function, r.other_failures, r.stray, found_by_traffic ? ", a traffic-only subtest reported a fault" : "");
+            bad = 1;
         }
     }
-    return begun && ended ? result : std::string{};
+    std::string generated = tables(rows);
+    if (argc < 2) {
+        std::cout << generated;
+        return bad;
+    }
+    const char *path = argv[argc - 1];
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    std::string document = text.str();
+    size_t begin = document.find(BEGIN), end = document.find(END);
+    if (begin == std::string::npos || end < begin) {
+        std::fprintf(stderr, "%s: no markers\n%s\n%s\n", path, BEGIN, END);
+        return 1;
+    }
+    begin += sizeof BEGIN - 1;
+    if (std::string(argv[1]) == "--check") {
+        if (document.compare(begin, end - begin, generated + "\n") == 0)
+            return bad;
+        std::fprintf(stderr, "%s differs from the measured coverage: regenerate it with\n  "
+                             "cmake --build build/test --target coverage_report && "
+                             "build/test/tests/coverage/coverage_report docs/COVERAGE.md\n", path);
+        return 1;
+    }
+    document.replace(begin, end - begin, generated + "\n");
+    std::ofstream(path) << document;
+    return bad;
 }
-
-}  // namespace coverage
