@@ -1,22 +1,118 @@
-// The harness as a process sees it: each case starts it in a child process
-// and looks at the exit status and the lines written.
+// The harness's own rules, where no whole run can show them: the catalogue
+// against what the program passes, which subtest a failed worker was in, the
+// corrected-error warning, and the harness as a process sees it (each case in
+// a child process: its exit status and its lines).
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mman.h>
 
 #include <latch>
+#include <map>
 #include <regex>
+#include <string>
+#include <vector>
 
 #include "child_run.h"
-#include "harness/testinfo.h"
 #include "dxtsysinfo_ext.h"
+#include "dxttest_internal.h"
+#include "harness/testinfo.h"
 #include "platform.h"  // processor_bind
+#include "verdict.h"
 
 // What the program defines for the harness to read.
 const char dxt_test_version[] = "9.9 2026/01/02 (harness test)";
 int32_t test_mask = 0xFFFFF;
 
 namespace {
+
+// The argument types a printf format consumes, in order: d int, u unsigned,
+// s text, '*' a width, '?' anything the program never passes.
+std::string conversions(const char *format)
+{
+    std::string types;
+    for (const char *p = format; *p != '\0'; p++) {
+        if (*p != '%' || *++p == '%')
+            continue;
+        for (; *p != '\0' && std::string_view("-+ #0123456789.*hlLqjzt").find(*p) != std::string_view::npos; p++)
+            if (*p == '*')
+                types += '*';
+        size_t kind = std::string_view("diuxXos").find(*p);
+        types += kind == std::string_view::npos ? '?' : "dduuuus"[kind];
+        if (*p == '\0')
+            break;
+    }
+    return types;
+}
+
+TEST(Catalogue, ExactlyTheProgramsNumbersEachTakingItsArguments)
+{
+    // What the program passes after each number.
+    std::map<int, std::string> program = {
+        {MSG_RUN_START, ""}, {MSG_PASS_COUNT, "u"}, {MSG_WRRDVR_START, ""}, {MSG_RUN_END, ""},
+        {MSG_SWAP_START, ""}, {MSG_SWAP_END, ""}, {MSG_ROW_MARCH_START, ""}, {MSG_ROW_MARCH_END, ""},
+        {MSG_COL_MARCH_START, ""}, {MSG_COL_MARCH_END, ""}, {MSG_MARCH_LINE_START, ""}, {MSG_MARCH_LINE_END, ""},
+        {MSG_MARCH_VAR_START, ""}, {MSG_MARCH_VAR_END, ""}, {MSG_INTERCONNECT_START, ""}, {MSG_INTERCONNECT_END, ""},
+        {MSG_DEFAULT_TAKEN, "d"}, {MSG_CPC_ENABLED, ""}, {MSG_GEOMETRY_DEFAULTS, "sdds"}, {MSG_USAGE, "s"},
+        {MSG_WRRDVR_NO_MEMORY, ""}, {MSG_NO_MEMORY, ""}, {MSG_BIND_FAILED, "ds"}, {MSG_THREAD_CREATE_FAILED, "d"},
+        {MSG_MISCOMPARE, ""}, {MSG_BAD_SUBOPTION, "s"}, {MSG_WORKERS_FAILED, ""}, {MSG_SYSCALL_FAILED, "ss"},
+        {MSG_UNKNOWN_VENDOR, ""},
+    };
+    std::map<int, std::string> catalogue;
+    for (const dxt::catalogue_entry &entry : dxt::catalogue())
+        EXPECT_TRUE(catalogue.emplace(entry.number, conversions(entry.format)).second) << entry.number << " twice";
+    EXPECT_EQ(catalogue, program);
+    EXPECT_EQ(dxt::catalogue_format(0), nullptr);
+    EXPECT_EQ(dxt::catalogue_format(4242), nullptr);
+}
+
+// The subtests' indexes in the worker's order.
+enum { wrrdvr, cache_hit, cache_miss, random_swap, march_column = 8, random_offset };
+
+TEST(FailedWorker, TheSubtestItWasIn)
+{
+    struct row {
+        const char *name;
+        int32_t mask;
+        int last_started;
+        bool ended, status_known;
+        intptr_t status;
+        std::vector<int> expected;
+    };
+    const int32_t all = dxt::all_subtests;
+    const row rows[] = {
+        {"started, not ended", all, random_swap, false, true, -1, {random_swap}},
+        {"none started", 16 | 32 | 64, -1, false, false, 0, {cache_hit, cache_miss}},
+        {"after Write/Read/Verify", all, wrrdvr, false, false, 0, {cache_hit, cache_miss}},
+        {"miscompare status", all, wrrdvr, false, true, -1, {cache_hit}},
+        {"no-memory status", all, wrrdvr, false, true, 12, {cache_miss}},
+        {"status no candidate gives", 8 | 32, wrrdvr, false, true, -1, {cache_miss}},
+        {"after the last march", all, march_column, true, false, 0, {random_offset}},
+        {"ended, next announces itself", all, random_swap, true, false, 0, {}},
+    };
+    for (const row &r : rows) {
+        dxt::subtest_set set = dxt::possible_subtests(r.mask, r.last_started, r.ended, r.status_known, r.status);
+        EXPECT_EQ(std::vector<int>(set.index, set.index + set.count), r.expected) << r.name;
+    }
+}
+
+TEST(CorrectedErrors, AnIncreaseWarnsAndNeverFails)
+{
+    dxt::machine_description m;
+    m.tested = {0};
+    dxt::corrected_check rising = dxt::compare_corrected_errors(true, {1, 10, 1, 2, 12}, true, {1, 13, 1, 2, 15});
+    dxt::verdict_record record{0, 0, 0, "passed", 0, &m, {}, rising};
+    std::vector<char> storage(dxt::verdict_room(record));
+    dxt::text_buffer out{storage.data(), storage.size()};
+    dxt::put_verdict_record(out, record);
+    std::string line(out.data, out.length);
+    EXPECT_NE(line.find(",\"verdict\":\"pass\","), std::string::npos) << line;
+    EXPECT_NE(line.find("\"before\":12,\"after\":15,\"increase\":3},\"warnings\":[\"3 corrected hardware errors"),
+              std::string::npos) << line;
+    dxt::corrected_check none = dxt::compare_corrected_errors(false, {}, false, {});
+    EXPECT_FALSE(none.available);
+    EXPECT_NE(dxt::corrected_errors_note(false), nullptr);
+    EXPECT_EQ(dxt::corrected_errors_note(true), nullptr);
+}
 
 // What a child's body returns when it comes back: tells "returned" apart
 // from every status the harness exits with.
@@ -45,29 +141,6 @@ int allowed_processor()
     return cpu;
 }
 
-TEST(HarnessProcess, AnUnknownNumberIsShownAsSuchOnTheCallersProcessor)
-{
-    int cpu = allowed_processor();
-    outcome o = in_child([cpu] {
-        start({"-d"});
-        std::thread worker([cpu] {
-            processor_bind(P_LWPID, P_MYID, cpu, nullptr);
-            dxt_message(DXT_RETURN, LVL_STEP_ERROR, nullptr, 9999);  // and no argument to read
-            dxt_message(DXT_RETURN, LVL_INFO, "l2cache", MSG_WRRDVR_START);
-        });
-        worker.join();
-        func_name = "clean_up";
-        trace_before(0);
-        return returned;
-    });
-    EXPECT_EQ(o.status, returned);
-    std::string at = " cpu" + std::to_string(cpu) + " ";
-    EXPECT_EQ(o.count(" ERROR" + at + "#9999 unknown message number 9999\n"), 1) << o.out;
-    EXPECT_EQ(o.count(" INFO" + at + "[l2cache] #3 Write/Read/Verify test started\n"), 1) << o.out;
-    // The main thread runs no subtest: its lines say "main".
-    EXPECT_EQ(o.count(" DEBUG main #0 entering clean_up\n"), 1) << o.out;
-}
-
 TEST(HarnessProcess, AnEndingMessageEndsTheRunWithItsStatusAndVerdictRecord)
 {
     struct row {
@@ -94,34 +167,6 @@ TEST(HarnessProcess, AnEndingMessageEndsTheRunWithItsStatusAndVerdictRecord)
         std::string failure = "\\[\\{\"cpu\":null,\"message\":" + std::to_string(r.number) +
                               ",\"worker_status\":null,\"subtest\":" + r.subtest + ",.*\\]";
         EXPECT_TRUE(std::regex_match(verdict["failures"], std::regex(failure))) << verdict["failures"];
-    }
-}
-
-// A run passes only when it tested what it was meant to: a worker that was
-// never created (4006, naming its table entry) or never bound (4003, naming
-// its processor) leaves its processor untested.
-TEST(HarnessProcess, TestEndPassesOnlyWhenEveryProcessorWasTested)
-{
-    int cpu = allowed_processor();
-    struct row {
-        int number, argument;
-        const char *status, *verdict, *left_out;
-    };
-    for (const row &r : {row{0, 0, "0", "pass", "[]"},
-                         row{MSG_THREAD_CREATE_FAILED, 0, "3", "could-not-test", "thread-not-created\",\"entry\":0}]"},
-                         row{MSG_BIND_FAILED, cpu, "3", "could-not-test", "not-bound\"}]"}}) {
-        outcome o = in_child([&] {
-            start({"--json", "-q", "-o", "count=1"});
-            if (r.number != 0)
-                dxt_message(DXT_RETURN, LVL_STEP_ERROR, nullptr, r.number, r.argument, "Invalid argument");
-            test_end();
-            return returned;
-        });
-        json_check::object v = o.record();
-        EXPECT_EQ(std::to_string(o.status), r.number == 0 ? std::to_string(returned) : r.status) << o.out;
-        EXPECT_EQ(v["verdict"], r.verdict) << o.out;
-        EXPECT_EQ(v["options"], "count=1");
-        EXPECT_TRUE(v["left_out_cpus"].ends_with(r.left_out)) << v["left_out_cpus"];
     }
 }
 
