@@ -1,20 +1,295 @@
-// The run as the driver makes it: its messages and verdict, the worker
-// table, thread creation and joining, and the start-up geometry queries.
+// The program against the fakes: the sub-option parser, one worker's
+// sequence (geometry and its fallbacks, the vendor check, the subtests that
+// test_mask selects in their order, the stop at the first failing one), and
+// the run as the driver makes it (messages, the worker table, thread creation
+// and joining). Every expected value can be worked out by hand.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "driver_fixture.h"
+#include "driver/tarnel.h"
+#include "fakes.h"
+#include "harness/testinfo.h"
+#include "stress/l2cache.h"
 
 namespace {
 
 using numbers = std::vector<int>;
 using strings = std::vector<std::string>;
 
-using driver = driver_fixture;
+class driver : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fake::reset();
+        count = 8;
+        tag_count = 1;
+        march_window = 0;
+        march_al = 512;
+        march_pats = 15;
+        l1cache_write_policy = -1;
+        test_mask = 0xFFFFF;
+        iterations = 0;
+        nprocs = 0;
+        threads_spawned = 0;
+    }
+
+    // Runs the program's entry as the harness would start it.
+    static void run(const std::string &subopts)
+    {
+        fake::set_subopts(subopts);
+        char name[] = "tarneltest";
+        char *argv[] = {name, nullptr};
+        tarnel_main(1, argv);
+    }
+};
+
+// process_args on a writable copy, as the harness hands it over.
+int parse(const std::string &text)
+{
+    std::vector<char> copy(text.begin(), text.end());
+    copy.push_back('\0');
+    return process_args(copy.data());
+}
+
+// Every message as "level #number args|" or "level text|".
+std::string message_log()
+{
+    std::string log;
+    for (const fake::message &m : fake::messages()) {
+        EXPECT_EQ(m.exit_flag, DXT_RETURN);
+        EXPECT_FALSE(m.has_tag);
+        log += std::to_string(m.level) + (m.number == 0 ? " " + m.format : " #" + std::to_string(m.number));
+        for (const std::string &arg : m.args)
+            log += " " + arg;
+        log += "|";
+    }
+    return log;
+}
+
+std::string times(int n, const std::string &entry)
+{
+    std::string log;
+    for (int i = 0; i < n; i++)
+        log += entry;
+    return log;
+}
+
+// n rejections of the keyword: message 8000 with it.
+std::string rejected(const std::string &keyword, int n = 1) { return times(n, "6 #8000 " + keyword + "|"); }
+
+// The option variables that differ from their defaults.
+std::string changed()
+{
+    std::string text;
+    auto note = [&text](const char *name, long long value, long long initial) {
+        if (value != initial)
+            text += std::string(name) + "=" + std::to_string(value) + " ";
+    };
+    note("count", count, 8);
+    note("tag", tag_count, 1);
+    note("march_window", march_window, 0);
+    note("march_al", march_al, 512);
+    note("march_pats", march_pats, 15);
+    note("l1cache_write_policy", l1cache_write_policy, -1);
+    note("test_mask", test_mask, 1048575);
+    return text;
+}
+
+TEST_F(driver, every_keyword_of_the_table)
+{
+    const struct {
+        std::string text;
+        int result;
+        std::string log, changed;
+    } rows[] = {
+        {"", 1, "", ""},
+        {"dev=tarnel", 1, "", ""},
+        {"dev=other,dev,dev=", 0, rejected("dev", 3), ""},
+        {"count=1024", 1, "", "count=1024 "},
+        {"count=1", 1, "", "count=1 "},
+        {"count=5,count=0", 1, "7 #23 8|", ""},
+        {"count=5,count=1025", 1, "7 #23 8|", ""},
+        {"count=-5,count=5x,count=,count,count=+5,count= 5", 0, rejected("count", 6), ""},
+        {"tag=7", 1, "", "tag=7 "},
+        {"tag=3,tag=0", 1, "7 #23 1|", ""},
+        {"tag=x,tag", 0, rejected("tag", 2), ""},
+        {"march_window", 0, "7 Cont with default march window\n|", ""},
+        {"march_window=12", 1, "", "march_window=12 "},
+        {"march_window=1a", 0, rejected("march_window"), ""},
+        {"march_al=,march_al", 1, times(2, "7 Cont with default march_algorithms\n|"),
+         ""},
+        {"march_al=77,march_al=0x4", 0, rejected("march_al"), "march_al=77 "},
+        {"march_pats=,march_pats", 1,
+         times(2, "7 Cont with default march data patterns\n|"), ""},
+        {"march_pats=77,march_pats=0x4", 0, rejected("march_pats"), "march_pats=77 "},
+        {"l1cache_write_policy=,l1cache_write_policy", 1,
+         times(2, "7 Cont with default l1cache_write_policy\n|"), ""},
+        {"l1cache_write_policy=77,l1cache_write_policy=0x4", 0, rejected("l1cache_write_policy"),
+         "l1cache_write_policy=77 "},
+        {"test_mask=,test_mask", 1,
+         times(2, "7 Cont with default value for test_mask\n|"), ""},
+        {"test_mask=1024,test_mask=0x400", 0, rejected("test_mask"), "test_mask=1024 "},
+        {"cpc=Enabled", 1, "7 #24|", ""},
+        {"cpc=Disabled", 1, "", ""},
+        {"cpc=enabled,cpc", 0, rejected("cpc", 2), ""},
+        // Inactive keywords of the table and unknown ones: rejected silently.
+        {"em,em=1,threshold=5,march_addr_stride=64,foo=1,foo", 0, "", ""},
+        // After a rejection later items are still checked but not stored.
+        {"bogus,count=4,test_mask=8,march_al=3", 0, "", ""},
+        {"count=4,count=x,tag=3,count=0,cpc=Enabled", 0, rejected("count") + "7 #23 8|7 #24|", "count=4 "},
+    };
+    for (const auto &row : rows) {
+        SetUp();
+        EXPECT_EQ(parse(row.text), row.result) << row.text;
+        EXPECT_EQ(message_log(), row.log) << row.text;
+        EXPECT_EQ(changed(), row.changed) << row.text;
+        EXPECT_EQ(fake::trace_log(), (std::vector<std::string>{"before process_args", "after process_args"}));
+    }
+}
+
+class sequence : public driver {
+protected:
+    void SetUp() override
+    {
+        driver::SetUp();
+        test_mask = 0;
+        iterations = 1;
+        fake::set_descriptor(cpu, 4, 4096, 64, 4);  // a tiny cache keeps every subtest quick
+    }
+
+    // The worker's exit status, as thr_exit carries it.
+    int run_worker()
+    {
+        try {
+            l2cache_stress(reinterpret_cast<void *>(static_cast<intptr_t>(cpu)));
+        } catch (const fake::thread_exit &done) {
+            return static_cast<int>(reinterpret_cast<intptr_t>(done.status));
+        }
+        ADD_FAILURE() << "the worker returned instead of ending its thread";
+        return -999;
+    }
+
+    // The level-8 texts of the l2cache tag.
+    static strings debug_texts()
+    {
+        strings texts;
+        for (const fake::message &m : fake::messages_numbered(0))
+            if (m.level == LVL_DEBUG && m.tag == "l2cache")
+                texts.push_back(m.text);
+        return texts;
+    }
+
+    const int cpu = 3;
+};
+
+TEST_F(sequence, geometry_from_descriptor_4_then_2_then_the_defaults)
+{
+    const strings no_41;
+    const struct {
+        uint32_t descriptor_4[3], descriptor_2[3];  // size, line size, ways
+        int retval;
+        uint32_t size, ways;  // ways: seen in the Write/Read/Verify buffer, 2 x ways x size
+        const char *line;     // size and line size as the debug line shows them
+        strings defaults;     // the arguments of message 41
+    } rows[] = {
+        {{4096, 64, 4}, {1048576, 64, 8}, 0, 4096, 4, "1000 line_size 40", no_41},
+        {{0, 0, 0}, {1048576, 64, 8}, 0, 1048576, 8, "100000 line_size 40", no_41},
+        {{256, 0, 0}, {}, 0, 256, 4, "100 line_size 40", no_41},  // zero line size and ways replaced
+        {{0, 64, 8}, {}, 0, 2097152, 4, "200000 line_size 40", {"dxt_tlib_get_cpu_cacheinfo()", "3", "0", ""}},
+        {{4096, 64, 4}, {}, -1, 2097152, 4, "200000 line_size 40",
+         {"dxt_tlib_get_cpu_cacheinfo()", "3", "-1", "cannot read caches"}},
+        {{4096, 64, 4}, {}, 9, 2097152, 4, "200000 line_size 40", {"dxt_tlib_get_cpu_cacheinfo()", "3", "9", ""}},
+    };
+    for (const auto &row : rows) {
+        SetUp();
+        test_mask = TEST_WRRDVR;
+        fake::set_errmsg("cannot read caches");
+        fake::set_descriptor(cpu, 4, row.descriptor_4[0], row.descriptor_4[1], row.descriptor_4[2]);
+        fake::set_descriptor(cpu, 2, row.descriptor_2[0], row.descriptor_2[1], row.descriptor_2[2]);
+        fake::set_cacheinfo_result(cpu, row.retval);
+        EXPECT_EQ(run_worker(), 0) << row.line;
+        EXPECT_EQ(debug_texts(), strings{std::string("Cache Access stress for cache_size ") + row.line +
+                                         " num_loops 1\n"});
+        ASSERT_EQ(fake::memalign_results().size(), 1u) << row.line;
+        EXPECT_EQ(fake::memalign_results()[0].length, 2u * row.ways * row.size) << row.line;
+        strings defaults;
+        for (const fake::message &m : fake::messages_numbered(MSG_GEOMETRY_DEFAULTS)) {
+            EXPECT_EQ(m.level, LVL_INFO);
+            defaults.insert(defaults.end(), m.args.begin(), m.args.end());
+        }
+        EXPECT_EQ(defaults, row.defaults) << row.line;
+    }
+}
+
+TEST_F(sequence, only_intel_and_amd_are_tested)
+{
+    fake::set_vendor(cpu, VENDOR_INTEL);
+    EXPECT_EQ(run_worker(), 0);
+
+    SetUp();
+    fake::set_vendor(cpu, 3);
+    test_mask = 0xFFFFF;
+    try {
+        run_worker();
+        FAIL() << "the worker went on with an unknown vendor";
+    } catch (const fake::exit_request &end) {
+        EXPECT_EQ(end.number, MSG_UNKNOWN_VENDOR);
+        EXPECT_EQ(end.exit_flag, DXT_FATAL);
+    }
+    EXPECT_EQ(fake::messages_numbered(MSG_UNKNOWN_VENDOR).at(0).level, LVL_FATAL);
+    EXPECT_TRUE(fake::bound_cpus().empty());
+    EXPECT_EQ(fake::memalign_calls(), 0);
+}
+
+TEST_F(sequence, test_mask_selects_subtests_in_table_order_until_one_fails)
+{
+    // The start messages, and the buffers that tell the silent subtests
+    // apart: Write/Read/Verify 2 x ways x size, the hit test's four, the miss
+    // test's two doubles, ..., the Random Offset buffer last.
+    const size_t c = 4096;
+    const std::vector<int> all = {MSG_WRRDVR_START,    MSG_SWAP_START,       MSG_INTERCONNECT_START,
+                                  MSG_MARCH_VAR_START, MSG_MARCH_LINE_START, MSG_ROW_MARCH_START,
+                                  MSG_COL_MARCH_START};
+    const struct {
+        int32_t mask;
+        int failing_allocation, status;
+        std::vector<int> starts;
+        std::vector<size_t> lengths;
+    } rows[] = {
+        {0, 0, 0, {}, {}},
+        {TEST_MARCHES, 0, 0, std::vector<int>(all.begin() + 3, all.end()), {c, c, 2 * c, c}},
+        {1048575, 0, 0, all, {8 * c, c, c, c, c, 2 * c, 2 * c, c, c, c, c, c, 2 * c, c, c}},
+        // The first failing subtest ends the sequence with its status: here
+        // the miss test, whose first buffer is the sixth allocation.
+        {1048575, 6, L2_NO_MEMORY, {MSG_WRRDVR_START}, {8 * c, c, c, c, c}},
+    };
+    for (const auto &row : rows) {
+        SetUp();
+        SCOPED_TRACE(testing::Message() << "mask " << row.mask << ", allocation " << row.failing_allocation
+                                        << " failing");
+        test_mask = row.mask;
+        fake::fail_memalign(row.failing_allocation, 1);
+        EXPECT_EQ(run_worker(), row.status);
+        EXPECT_EQ(fake::bound_cpus(), std::vector<int>{cpu});
+        EXPECT_EQ(pagesize.load(), static_cast<uint32_t>(sysconf(_SC_PAGESIZE)));
+        std::vector<int> starts;
+        for (int n : fake::numbers())
+            if (std::find(all.begin(), all.end(), n) != all.end())
+                starts.push_back(n);
+        EXPECT_EQ(starts, row.starts);
+        std::vector<size_t> lengths;
+        for (const fake::range &block : fake::memalign_results())
+            lengths.push_back(block.length);
+        EXPECT_EQ(lengths, row.lengths);
+    }
+}
 
 TEST_F(driver, passing_run_announces_counts_and_ends_once)
 {
@@ -96,41 +371,6 @@ TEST_F(driver, one_worker_per_online_processor_and_only_joined_statuses_count)
     EXPECT_EQ(fake::joined_threads().size(), 3u);
     for (int i = 0; i < 4; i++)
         EXPECT_EQ(thr_db[i].cpu_id, i == 1 ? 2 : -1) << "only joined entries are emptied";
-}
-
-TEST_F(driver, cache_info_describes_the_first_online_processor_or_says_why_not)
-{
-    fake::set_online({2, 5});
-    fake::set_descriptor(5, 2, 1, 1, 1);
-    nprocs = init_proc_db();
-    uint32_t size = 0, line = 0, ways = 0;
-    auto got = [&] { return std::vector<uint32_t>{size, line, ways}; };
-    // Descriptor 2 is empty in the default record: descriptor 4 stands in.
-    EXPECT_EQ(get_cache_info(2, &size, &line, &ways), 0);
-    EXPECT_EQ(got(), (std::vector<uint32_t>{1048576, 64, 8}));
-    fake::set_descriptor(2, 2, 524288, 128, 16);
-    EXPECT_EQ(get_cache_info(2, &size, &line, &ways), 0);
-    EXPECT_EQ(got(), (std::vector<uint32_t>{524288, 128, 16}));
-    EXPECT_TRUE(fake::messages().empty());
-
-    fake::set_descriptor(2, 0, 0, 64, 8);  // the first level has no fallback
-    EXPECT_EQ(get_cache_info(0, &size, &line, &ways), -1);
-    fake::set_cacheinfo_result(2, -1);
-    fake::set_errmsg("no cache source answers");
-    EXPECT_EQ(get_cache_info(2, &size, &line, &ways), -1);
-    fake::set_cacheinfo_result(2, 22);
-    EXPECT_EQ(get_cache_info(2, &size, &line, &ways), -1);
-    EXPECT_EQ(got(), (std::vector<uint32_t>{524288, 128, 16})) << "outputs untouched on failure";
-    fake::set_online({});
-    nprocs = init_proc_db();
-    EXPECT_EQ(get_cache_info(2, &size, &line, &ways), -1);
-    EXPECT_EQ(fake::cacheinfo_queries(), (std::vector<int>{2, 2, 2, 2, 2}));
-    strings texts;
-    for (const fake::message &m : fake::messages())
-        texts.push_back(std::to_string(m.level) + " " + m.text);
-    const std::string failed = "7 dxt_tlib_get_cpu_cacheinfo() failed on cpu ";
-    EXPECT_EQ(texts, (strings{failed + "2, retval 0 ; ", failed + "2, retval -1 ; no cache source answers",
-                              failed + "2, retval 22 ; ", failed + "-1, retval 0 ; "}));
 }
 
 }  // namespace

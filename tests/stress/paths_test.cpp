@@ -1,7 +1,5 @@
-// Every subtest around its kernels (the stress tests here, the block marches
-// of march/ as well): how often it tries to allocate and what a missing
-// buffer gives, how many draws it makes, and the texts of failed locks and
-// unlocks.
+// Every subtest around its kernels: how often it tries to allocate, what a
+// missing buffer gives, how many draws it makes, and what it says.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -124,55 +122,6 @@ TEST_F(subtest_paths, allocation_attempts_statuses_and_draws)
         EXPECT_EQ(fake::drand48_calls(), c.drand48s) << c.name;
         EXPECT_EQ(message_log(), c.log) << c.name;
         EXPECT_EQ(fake::munlock_calls().size(), fake::mlock_calls().size()) << c.name << ": every lock undone";
-    }
-}
-
-TEST_F(subtest_paths, lock_failures_are_debug_texts_and_never_undone)
-{
-    const std::string l2 = "0 8 l2cache: ", morvan = "0 8 morvantest: ", selvo = "0 8 selvotest: ";
-    const struct {
-        const char *name;
-        std::function<int()> run;
-        strings lock_failed, unlock_failed;
-    } cases[] = {
-        {"hit", hit,
-         {l2 + "basic_dtype, ulong mlock failed!!\n", l2 + "l2cachehit_wrrdwr, mlock failed!!\n",
-          l2 + "derived_dtype mlock failed!!\n", l2 + "cache_miss mlock failed!!\n"},
-         {l2 + "basic_dtype munlock failure!!\n", l2 + "l2cachehit_wrrdwr: munlock failed!!\n",
-          l2 + "derived_dtype munlock failed!!\n", l2 + "cache_miss munlock failed!!\n"}},
-        {"miss", miss, {l2 + "cache_miss mlock failed!!\n", l2 + "cache_miss mlock failed in fp!!\n"},
-         {l2 + "cache_miss munlock failed!!\n", l2 + "cache_miss munlock failed in fp!!\n"}},
-        {"swap", swap,
-         {"0 7 -: #6", morvan + "random loop chunk1 mlock failed!!\n", morvan + "random loop chunk2 mlock failed!!\n",
-          "0 7 -: #8"},
-         {"0 7 -: #6", "0 7 -: #8", morvan + "random loop chunk1 munlock failed!!\n",
-          morvan + "random loop chunk2 munlock failed!!\n"}},
-        // A failed lock of the marches is silent; the unlock text comes
-        // before the end message.
-        {"row march", rows, {row_name, "0 7 -: #9", "0 7 -: #10"},
-         {row_name, "0 7 -: #9", l2 + "cache_miss munlock failed!!\n", "0 7 -: #10"}},
-        {"column march", columns, {column_name, "0 7 -: #11", "0 7 -: #12"},
-         {column_name, "0 7 -: #11", l2 + "cache_miss munlock failed!!\n", "0 7 -: #12"}},
-        // The block marches end before their release, the interconnect test after it.
-        {"line march", line_march, {"0 7 -: #13", morvan + "cache_miss mlock failed!!\n", "0 7 -: #14"},
-         {"0 7 -: #13", "0 7 -: #14", morvan + "cache_miss munlock failed!!\n"}},
-        {"variable march", variable_march, {"0 7 -: #17", morvan + "cache_miss mlock failed!!\n", "0 7 -: #18"},
-         {"0 7 -: #17", "0 7 -: #18", morvan + "cache_miss munlock failed!!\n"}},
-        {"interconnect", interconnect(1024, 1), {"0 7 -: #19", selvo + "cache_miss mlock failed!!\n", "0 7 -: #20"},
-         {"0 7 -: #19", selvo + "cache_miss munlock failed!!\n", "0 7 -: #20"}},
-    };
-    for (const auto &c : cases) {
-        SetUp();
-        fake::fail_mlock(true);
-        EXPECT_EQ(c.run(), 0) << c.name;
-        EXPECT_EQ(message_log(), c.lock_failed) << c.name;
-        EXPECT_TRUE(fake::munlock_calls().empty()) << c.name;
-
-        SetUp();
-        fake::fail_munlock(true);
-        EXPECT_EQ(c.run(), 0) << c.name;
-        EXPECT_EQ(message_log(), c.unlock_failed) << c.name;
-        EXPECT_EQ(fake::munlock_calls().size(), fake::mlock_calls().size()) << c.name;
     }
 }
 

@@ -48,47 +48,6 @@ TEST(update_pattern, layouts_of_every_mode)
         EXPECT_EQ(built(v, 16, mode), runs(v, 1)) << "mode " << mode;
 }
 
-TEST(update_pattern, incomplete_groups_keep_the_value_and_only_n_words_are_written)
-{
-    const uint32_t v = 0xA5A50000;
-    EXPECT_EQ(built(v, 5, 1, 5), (words{v, ~v, v, ~v, v}));
-    EXPECT_EQ(built(v, 6, 2, 6), (words{v, v, ~v, ~v, v, v}));
-    EXPECT_EQ(built(v, 12, 3, 12), (words{v, v, v, v, ~v, ~v, ~v, ~v, v, v, v, v}));
-    EXPECT_EQ(built(v, 12, 4, 12), words(12, v));
-    EXPECT_EQ(built(0xFFFFFFFF, 3, 7, 4), (words{0xFF00FF00, 0xFF00FF00, 0xFF00FF00, untouched}));
-    words twice = built(v, 32, 4, 32);  // two whole groups of 16
-    EXPECT_EQ(words(twice.begin(), twice.begin() + 16), runs(v, 8));
-    EXPECT_EQ(words(twice.begin() + 16, twice.end()), runs(v, 8));
-}
-
-TEST(pattern_primitives, complement_store_and_load)
-{
-    words complement(16, untouched);
-    compl_pattern(complement.data(), built(0x55555555, 16, 1).data(), 16);
-    EXPECT_EQ(complement, runs(0xAAAAAAAA, 1));
-
-    words memory(17, untouched);
-    st_pattern(complement.data(), memory.data(), 16);
-    EXPECT_EQ(words(memory.begin(), memory.begin() + 16), complement);
-    EXPECT_EQ(memory[16], untouched);
-    memory[15] = 0x15151515;
-    EXPECT_EQ(ld_pattern(memory.data(), 16), 0x15151515u);
-    EXPECT_EQ(ld_pattern(memory.data(), 3), memory[2]);
-}
-
-TEST(pattern_primitives, no_word_is_touched_for_n_of_zero_or_less)
-{
-    const words source = runs(1, 1);
-    for (int32_t n : {0, -1, -16}) {
-        words block(16, untouched);
-        for (int32_t mode : {1, 4, 5})
-            update_pattern(0, block.data(), n, mode);
-        compl_pattern(block.data(), source.data(), n);
-        st_pattern(source.data(), block.data(), n);
-        EXPECT_EQ(block, words(16, untouched)) << "n " << n;
-    }
-}
-
 TEST(sso_pattern, blocks_from_scripted_draws)
 {
     const uint32_t bm = 0xFFF7FFF7;  // 35 % 16 = bit 3, 7 % 2 = base ones: B XOR M
@@ -123,24 +82,6 @@ TEST(sso_pattern, blocks_from_scripted_draws)
         EXPECT_EQ(block, row.block) << row.bus << "-bit bus, " << row.line << "-bit line, draws " << row.draws[0]
                                     << " " << row.draws[1] << " " << row.draws[2];
         EXPECT_EQ(fake::lrand48_calls(), 3);
-    }
-}
-
-TEST(sso_pattern, refused_arguments_draw_and_write_nothing)
-{
-    const struct {
-        int32_t n, bus, line;
-    } refused[] = {
-        {15, 16, 128}, {17, 16, 128}, {0, 16, 128}, {16, 24, 128}, {16, 0, 128},  {16, -16, 128},
-        {16, 16, 8},   {16, 16, 100}, {16, 32, 16}, {16, 64, 128}, {16, 128, 128}, {16, 512, 512},
-    };
-    for (const auto &c : refused) {
-        fake::reset();
-        fake::script_lrand48({1, 1, 1});
-        words block(PATTERN_WORDS, untouched);
-        EXPECT_EQ(getSSOPattern(block.data(), c.n, c.bus, c.line), -1) << c.n << " " << c.bus << " " << c.line;
-        EXPECT_EQ(block, words(PATTERN_WORDS, untouched));
-        EXPECT_EQ(fake::lrand48_calls(), 0);
     }
 }
 
