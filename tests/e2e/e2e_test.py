@@ -1,0 +1,205 @@
+#!/usr/bin/env python3
+"""End to end: the real tarneltest binary run as a person would run it, its
+exit status, its output and the verdict record of every kind of real run.
+Runs are kept short (one pass, or no subtest with test_mask=0). A failing
+worker comes from tarneltest_faulty, the same program with a fault planted
+from the environment.
+
+e2e_test.py --binary TARNELTEST [--faulty TARNELTEST_FAULTY] [--list | TEST...]"""
+import argparse
+import json
+import os
+import pty
+import re
+import signal
+import socket
+import subprocess
+import sys
+import unittest
+
+BINARY, FAULTY = None, None
+CPUS = sorted(os.sched_getaffinity(0))
+
+
+def run(args, binary=None, cpus=None, env=None, ignored=None, stdout=subprocess.PIPE, signal_after=None,
+        sig=signal.SIGTERM, close_stdout=False):
+    """(status, out, err) of one run; `sig` is sent once the output holds `signal_after`."""
+    def child():
+        if cpus is not None:
+            os.sched_setaffinity(0, cpus)
+        if ignored is not None:
+            signal.signal(ignored, signal.SIG_IGN)  # kept across exec, as nohup does
+        if close_stdout:
+            os.close(1)
+    environment = dict(os.environ, **(env or {}))
+    with subprocess.Popen([binary or BINARY] + args, stdout=stdout, stderr=subprocess.PIPE, text=True,
+                          env=environment, preexec_fn=child) as p:
+        out = ""
+        if signal_after is not None:
+            while signal_after not in out:
+                line = p.stdout.readline()
+                if not line:
+                    break
+                out += line
+            p.send_signal(sig)
+        rest, err = p.communicate(timeout=60)
+        return p.returncode, out + (rest or ""), err
+
+
+def record(out):
+    return json.loads(out.splitlines()[-1])
+
+
+class EndToEnd(unittest.TestCase):
+    def test_one_pass_passes(self):
+        status, out, err = run(["-o", "count=1"])
+        self.assertEqual(status, 0, out + err)
+        for once in (" #1 ", " #2 Passes per subtest: 1\n", " #4 "):
+            self.assertEqual(out.count(once), 1, once)
+        self.assertRegex(out, r" VERDICT PASS: tarneltest passed in [0-9.]+ s\n$")
+        self.assertEqual(err, "")
+
+    def test_command_lines_that_end_before_the_run(self):
+        for args, want, out_has, err_has in [
+            (["-o", "count=5x"], 2, ' #8000 Sub-option "count" rejected',
+             'tarneltest: the sub-options "count=5x" were not all accepted\nusage: tarneltest [-o SUBOPTIONS]'),
+            # Items the parser refuses without a message of its own are named.
+            (["-o", "count=1,tset_mask=8,,em=1"], 2, "",
+             'were not all accepted; not sub-options of this test: "tset_mask", "em"; 1 empty item\n'),
+            # The usage record on standard output, the rest on standard error.
+            (["--json", "-o", "count=5x"], 2, '"verdict":"usage"', '"number":2005'),
+            (["--json", "--frobnicate"], 2, '"verdict":"usage"', "tarneltest: unrecognised option '--frobnicate'\n"),
+            (["-q", "--help"], 0, "usage: tarneltest [-o SUBOPTIONS] [-v | -q] [-d] [--json] [-h] [--version]\n", ""),
+            (["--version"], 0, "tarneltest version ", ""),
+        ]:
+            with self.subTest(args=args):
+                status, out, err = run(args)
+                self.assertEqual(status, want)
+                self.assertIn(out_has, out)
+                self.assertIn(err_has, err)
+                self.assertNotRegex(out, r' #1 |"number":1,', "a run started")
+                if args[0] == "--json":
+                    v = record(out)
+                    self.assertEqual((v["exit_status"], v["tested_cpus"]), (2, []))
+                    self.assertIn(args[-1], v["text"])
+
+    def test_json_lines_are_objects_with_the_documented_keys(self):
+        status, out, err = run(["--json", "-d", "-o", "count=1,test_mask=8"])
+        self.assertEqual((status, err), (0, ""))
+        lines = [json.loads(line) for line in out.splitlines()]
+        message_keys = {"time", "level", "severity", "cpu", "thread", "tag", "number", "exit_flag", "text"}
+        for line in lines[:-1]:
+            self.assertEqual(set(line), message_keys)
+        v = lines[-1]
+        self.assertEqual(set(v), {"time", "host", "schema_version", "verdict", "exit_status", "elapsed_seconds",
+                                  "text", "cpu", "thread", "options", "version", "tested_cpus", "left_out_cpus",
+                                  "failed_cpus", "l2", "failures", "corrected_errors", "warnings"})
+        self.assertEqual((v["verdict"], v["exit_status"], v["failures"]), ("pass", 0, []))
+        self.assertEqual(v["options"], "count=1,test_mask=8")  # what ran, and which build
+        self.assertTrue(v["version"].startswith("1.0 "))
+        self.assertGreaterEqual(v["elapsed_seconds"], 1.9)  # the two one-second pauses
+        self.assertEqual(v["host"], socket.gethostname())
+        self.assertEqual(v["tested_cpus"], CPUS)
+        self.assertEqual([g["cpu"] for g in v["l2"]], CPUS)  # each one's geometry
+        # Said once exactly when no corrected-error counter can be read.
+        notes = sum(line["text"].startswith("corrected hardware errors are not checked") for line in lines)
+        self.assertEqual(notes, 0 if v["corrected_errors"]["available"] else 1)
+
+    def test_debug_line_once_per_processor_of_the_affinity(self):
+        for cpus in (CPUS, CPUS[-1:]):
+            # A geometry listing: it tests nothing, so it is no pass.
+            status, out, _ = run(["-d", "-o", "test_mask=0"], cpus=cpus)
+            self.assertEqual(status, 3)
+            self.assertEqual(out.count(" VERDICT COULD NOT TEST: test_mask 0 selects no subtest: nothing was tested"), 1)
+            # The harness shows the geometry each worker sized its buffers from.
+            self.assertEqual(out.count(" [dxttest] #0 L2 of cpu"), len(cpus))
+            self.assertEqual(out.count(": 1048576 bytes ("), len(cpus))
+            # Each worker writes it bound to its own processor.
+            seen = re.findall(r" DEBUG cpu([0-9]+) [^\n]*Cache Access stress for cache_size 100000 line_size 40 "
+                              r"num_loops 8\n", out)
+            self.assertEqual(sorted(map(int, seen)), cpus)
+
+    def test_lost_output_is_never_a_pass(self):
+        """Output that cannot be written is said once on standard error, and
+        the run cannot pass; a fault found still says so."""
+        said = "tarneltest: cannot write standard output"
+        full = os.open("/dev/full", os.O_WRONLY)
+        for closed in (False, True):
+            for form in ("-q", "--json"):
+                status, _, err = run([form, "-o", "count=1,test_mask=8"], stdout=full, close_stdout=closed)
+                self.assertEqual((status, err.count(said)), (3, 1), err)
+        if FAULTY:
+            status, _, _ = run(["-q", "-o", "count=1,test_mask=8"], binary=FAULTY, stdout=full,
+                               env={"TARNEL_FAULT": f"lost,{CPUS[0]},0,24"})
+            self.assertEqual(status, 1)
+        os.close(full)
+
+    def test_no_progress_line_on_a_dumb_terminal(self):
+        """The live progress line (-q on a terminal) moves back to the start
+        of its line, which a dumb terminal cannot do: there it is never drawn."""
+        for term in ("xterm", "dumb"):
+            master, slave = pty.openpty()
+            status, _, _ = run(["-q", "-o", "count=1,test_mask=8"], env={"TERM": term}, stdout=slave)
+            os.close(slave)
+            screen = b""
+            try:
+                while chunk := os.read(master, 4096):
+                    screen += chunk
+            except OSError:  # the terminal's other side is gone
+                pass
+            os.close(master)
+            self.assertEqual(status, 0)
+            self.assertEqual(b"\r\033[K" in screen, term == "xterm", term)
+
+    def test_inherited_ignored_interrupts_stay_ignored(self):
+        """A signal ignored when the run started (nohup, a script's
+        background job) stays ignored; the same signal otherwise ends it."""
+        for sig in (signal.SIGHUP, signal.SIGINT):
+            args = ["-o", "count=1,test_mask=8"]
+            self.assertEqual(run(args, signal_after=" #1 ", sig=sig, ignored=sig)[0], 0)
+            self.assertEqual(run(args, signal_after=" #1 ", sig=sig)[0], 128 + sig)
+
+    def test_sigterm_ends_the_run_with_143_and_an_interrupted_record(self):
+        status, out, _ = run(["--json", "-o", "count=1,test_mask=0"], signal_after='"number":1,')
+        self.assertEqual(status, 143)
+        self.assertNotIn('"number":4,', out, "the run went on")
+        v = record(out)
+        self.assertEqual((v["verdict"], v["exit_status"], v["text"]),
+                         ("interrupted", 143, "interrupted by SIGTERM (exit status 143)"))
+
+    def test_a_fault_names_processor_and_subtest_in_the_record(self):
+        """On every processor in turn, a stuck bit in the first buffer its
+        worker allocates: the Write/Read/Verify test's miscompare ends the run
+        at once; the Cache Hit test fails its worker, found when the workers
+        are joined. The record names that processor and that subtest."""
+        if not FAULTY:
+            self.skipTest("no fault-model build")
+        for cpu in CPUS:
+            for mask, message, worker_status, subtest in [("8", 6000, None, "Write/Read/Verify"),
+                                                          ("16", 8011, -1, "Cache Hit Stress")]:
+                with self.subTest(cpu=cpu, subtest=subtest):
+                    status, out, _ = run(["--json", "-o", "count=1,test_mask=" + mask], binary=FAULTY,
+                                         env={"TARNEL_FAULT": f"stuck1,{cpu},0,64,3"})
+                    self.assertEqual(status, 1)
+                    self.assertEqual(out.count(f'"number":{message},'), 1)
+                    v = record(out)
+                    self.assertEqual((v["verdict"], v["failed_cpus"]), ("fault", [cpu]))
+                    self.assertEqual(v["failures"], [{"cpu": cpu, "message": message, "worker_status": worker_status,
+                                                      "subtest": subtest, "possible_subtests": [subtest],
+                                                      "address": None}])
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--binary", required=True)
+    parser.add_argument("--faulty")
+    parser.add_argument("--list", action="store_true")
+    parser.add_argument("tests", nargs="*")
+    options = parser.parse_args()
+    BINARY, FAULTY = options.binary, options.faulty
+    names = unittest.defaultTestLoader.getTestCaseNames(EndToEnd)
+    if options.list:
+        print(";".join(name[len("test_"):] for name in names), end="")
+        sys.exit(0)
+    suite = unittest.TestSuite(EndToEnd("test_" + n) for n in options.tests or [n[len("test_"):] for n in names])
+    sys.exit(0 if unittest.TextTestRunner(verbosity=2).run(suite).wasSuccessful() else 1)
