@@ -1,5 +1,7 @@
 // Every subtest around its kernels: how often it tries to allocate, what a
-// missing buffer gives, how many draws it makes, and what it says.
+// missing buffer gives, how many draws it makes, what it says, and the order
+// in which the Random Swap test releases its buffers. (That each verifying
+// subtest finds a bad word is measured in tests/coverage.)
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -123,6 +125,27 @@ TEST_F(subtest_paths, allocation_attempts_statuses_and_draws)
         EXPECT_EQ(message_log(), c.log) << c.name;
         EXPECT_EQ(fake::munlock_calls().size(), fake::mlock_calls().size()) << c.name << ": every lock undone";
     }
+}
+
+// The random swap test unlocks chunk1, then chunk2, and only then frees
+// either: a buffer is never freed while the other is still locked.
+std::vector<size_t> unlocks_before_free;
+TEST_F(subtest_paths, random_swap_unlocks_both_buffers_before_freeing_either)
+{
+    unlocks_before_free.clear();
+    fake::on_free([](void *block) {
+        for (const fake::range &r : fake::memalign_results())
+            if (r.address == block)
+                unlocks_before_free.push_back(fake::munlock_calls().size());
+    });
+    EXPECT_EQ(crand(nullptr, 4096), 0);
+    fake::on_free(nullptr);
+    std::vector<fake::range> blocks = fake::memalign_results(), unlocked = fake::munlock_calls();
+    ASSERT_EQ(blocks.size(), 2u);
+    ASSERT_EQ(unlocked.size(), 2u);
+    EXPECT_EQ(unlocked[0].address, blocks[0].address);  // chunk1 first
+    EXPECT_EQ(unlocked[1].address, blocks[1].address);
+    EXPECT_EQ(unlocks_before_free, (std::vector<size_t>{2, 2}));
 }
 
 }  // namespace
