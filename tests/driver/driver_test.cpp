@@ -307,36 +307,6 @@ TEST_F(driver, passing_run_announces_counts_and_ends_once)
                                           "after clean_up"}));
 }
 
-TEST_F(driver, unreadable_geometry_is_reported_and_failed_workers_give_8011_once)
-{
-    fake::set_online({0, 1, 2});
-    fake::set_cacheinfo_result(0, 4);
-    fake::script_worker_status(0, -1);
-    fake::script_worker_status(1, 0);
-    fake::script_worker_status(2, 12);
-    try {
-        run("test_mask=0");
-        FAIL() << "the run went on after failed workers";
-    } catch (const fake::exit_request &end) {
-        EXPECT_EQ(end.number, MSG_WORKERS_FAILED);
-        EXPECT_EQ(end.exit_flag, DXT_FATAL);
-    }
-    strings texts;
-    for (const fake::message &m : fake::messages_numbered(0))
-        texts.push_back(std::to_string(m.level) + " " + m.text);
-    EXPECT_EQ(texts, (strings{
-                         "7 dxt_tlib_get_cpu_cacheinfo() failed on cpu 0, retval 4 ; ",
-                         "8 get_cache_info failed for L2 cache, dxt internal error, going ahead with default values",
-                         "7 dxt_tlib_get_cpu_cacheinfo() failed on cpu 0, retval 4 ; ",
-                         "8 get_cache_info failed for L1 cache, dxt internal error, going ahead with default values",
-                     }));
-    ASSERT_EQ(fake::count_of(MSG_WORKERS_FAILED), 1);
-    EXPECT_EQ(fake::messages_numbered(MSG_WORKERS_FAILED)[0].level, LVL_FATAL);
-    EXPECT_EQ(fake::count_of(MSG_RUN_END), 0);
-    EXPECT_EQ(fake::test_end_calls(), 0);
-    EXPECT_EQ(fake::joined_threads().size(), 3u);  // every worker joined before the verdict
-}
-
 TEST_F(driver, one_worker_per_online_processor_and_only_joined_statuses_count)
 {
     fake::set_online({0, 2, 4, 1023, 1024});  // 1024: beyond the table

@@ -4,7 +4,6 @@
 // unless the script says otherwise.
 #include <dlfcn.h>
 
-#include <cerrno>
 #include <cstddef>
 #include <deque>
 #include <mutex>
@@ -18,13 +17,10 @@ std::recursive_mutex lock;
 int memalign_count;
 int memalign_fail_first;
 int memalign_fail_count;
-bool mlock_fails;
-bool munlock_fails;
 std::vector<range> blocks;
 std::vector<range> locks;
 std::vector<range> unlocks;
 std::deque<long> lrand48_script;
-std::deque<double> drand48_script;
 int lrand48_count;
 int drand48_count;
 // Made on first use: a constructor of another file (the fault planting of a
@@ -50,13 +46,10 @@ void reset_libc()
     memalign_count = 0;
     memalign_fail_first = 0;
     memalign_fail_count = 0;
-    mlock_fails = false;
-    munlock_fails = false;
     blocks.clear();
     locks.clear();
     unlocks.clear();
     lrand48_script.clear();
-    drand48_script.clear();
     lrand48_count = 0;
     drand48_count = 0;
     observer() = nullptr;
@@ -70,13 +63,10 @@ void fail_memalign(int first, int count)
 }
 
 int memalign_calls() { return memalign_count; }
-void fail_mlock(bool fail) { mlock_fails = fail; }
-void fail_munlock(bool fail) { munlock_fails = fail; }
 std::vector<range> memalign_results() { return blocks; }
 std::vector<range> mlock_calls() { return locks; }
 std::vector<range> munlock_calls() { return unlocks; }
 void script_lrand48(const std::vector<long> &draws) { lrand48_script.assign(draws.begin(), draws.end()); }
-void script_drand48(const std::vector<double> &draws) { drand48_script.assign(draws.begin(), draws.end()); }
 int lrand48_calls() { return lrand48_count; }
 int drand48_calls() { return drand48_count; }
 void on_memalign(std::function<void(void *, size_t)> callback) { observer() = std::move(callback); }
@@ -109,10 +99,6 @@ int mlock(const void *address, size_t length)
     static auto real = next<int (*)(const void *, size_t)>("mlock");
     std::lock_guard<std::recursive_mutex> hold(lock);
     locks.push_back({const_cast<void *>(address), length});
-    if (mlock_fails) {
-        errno = ENOMEM;
-        return -1;
-    }
     return real(address, length);
 }
 
@@ -121,10 +107,6 @@ int munlock(const void *address, size_t length)
     static auto real = next<int (*)(const void *, size_t)>("munlock");
     std::lock_guard<std::recursive_mutex> hold(lock);
     unlocks.push_back({const_cast<void *>(address), length});
-    if (munlock_fails) {
-        errno = ENOMEM;
-        return -1;
-    }
     return real(address, length);
 }
 
@@ -145,11 +127,7 @@ double drand48(void)
     static auto real = next<double (*)(void)>("drand48");
     std::lock_guard<std::recursive_mutex> hold(lock);
     drand48_count++;
-    if (drand48_script.empty())
-        return real();
-    double draw = drand48_script.front();
-    drand48_script.pop_front();
-    return draw;
+    return real();
 }
 
 // Recorded, not slept: the driver's pauses would only slow the tests.

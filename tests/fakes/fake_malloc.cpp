@@ -1,22 +1,17 @@
-// Interposes malloc so that one call can be made to fail, and free so that a
-// test can see when each block is released. Kept apart from
-// the other fakes: only a test that needs it links it, and never under a
-// sanitizer, which owns malloc itself.
-#include <atomic>
+// Interposes free so that a test can see when each block is released. Kept
+// apart from the other fakes: only a test that needs it links it, and never
+// under a sanitizer, which owns the heap itself.
 #include <cstddef>
 
 #include "fakes.h"
 
-extern "C" void *__libc_malloc(size_t);
 extern "C" void __libc_free(void *);
 
 namespace {
-std::atomic<bool> fail_next{false};
 void (*free_observer)(void *) = nullptr;
 thread_local bool observing = false;  // the observer's own frees are not shown to it
 }  // namespace
 
-void fake::fail_next_malloc() { fail_next = true; }
 void fake::on_free(void (*observer)(void *block)) { free_observer = observer; }
 
 extern "C" void free(void *block)
@@ -27,11 +22,4 @@ extern "C" void free(void *block)
         observing = false;
     }
     __libc_free(block);
-}
-
-extern "C" void *malloc(size_t size)
-{
-    if (fail_next.exchange(false))
-        return nullptr;
-    return __libc_malloc(size);
 }

@@ -43,12 +43,10 @@ void reset();
 // ---- harness ----
 std::vector<message> messages();
 std::vector<message> messages_numbered(int number);  // 0: the free texts
-int count_of(int number);
 // The numbers of all messages, in order (free texts as 0).
 std::vector<int> numbers();
 // Sub-option text that test_init hands to the parser (default: none given).
 void set_subopts(const std::string &text);
-int parser_result();       // -1 until test_init called the parser
 int test_end_calls();
 std::vector<std::string> trace_log();  // "before process_args", "after clean_up", ...
 
@@ -59,7 +57,6 @@ void set_cacheinfo_result(int cpu, int retval);
 void set_descriptor(int cpu, int index, uint32_t size, uint32_t line_size, uint32_t ways);
 void set_vendor(int cpu, int code);  // default 4 (AMD)
 void set_errmsg(const std::string &text);
-std::vector<int> cacheinfo_queries();  // processor ids, in order
 
 // ---- platform ----
 void set_online(const std::vector<int> &cpus);  // default {0}
@@ -75,8 +72,6 @@ std::vector<unsigned int> joined_threads();
 // Calls numbered from 1 since reset(): calls first .. first+count-1 fail.
 void fail_memalign(int first, int count);
 int memalign_calls();
-void fail_mlock(bool fail);
-void fail_munlock(bool fail);
 struct range {
     void *address;
     size_t length;
@@ -84,14 +79,11 @@ struct range {
 std::vector<range> memalign_results();  // every non-null block handed out
 std::vector<range> mlock_calls();
 std::vector<range> munlock_calls();
-// The next malloc returns null (only in tests linked with fake_malloc).
-void fail_next_malloc();
 // Calls the observer with every block freed from now on, before it is freed
 // (only in tests linked with fake_malloc); nullptr stops.
 void on_free(void (*observer)(void *block));
 // Scripted draws, used first; the real generator afterwards.
 void script_lrand48(const std::vector<long> &draws);
-void script_drand48(const std::vector<double> &draws);
 int lrand48_calls();
 int drand48_calls();
 // The seconds of every sleep() call, in order (the fake does not sleep).
