@@ -1,8 +1,8 @@
-// The program against the fakes: the sub-option parser, one worker's
+// The program against the fakes: the sub-option parser, and one worker's
 // sequence (geometry and its fallbacks, the vendor check, the subtests that
-// test_mask selects in their order, the stop at the first failing one), and
-// the run as the driver makes it (messages, the worker table, thread creation
-// and joining). Every expected value can be worked out by hand.
+// test_mask selects in their order, the stop at the first failing one).
+// Every expected value can be worked out by hand. The run around the workers
+// (their table, creation, binding and joining) is proven end to end.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -38,15 +38,6 @@ protected:
         iterations = 0;
         nprocs = 0;
         threads_spawned = 0;
-    }
-
-    // Runs the program's entry as the harness would start it.
-    static void run(const std::string &subopts)
-    {
-        fake::set_subopts(subopts);
-        char name[] = "tarneltest";
-        char *argv[] = {name, nullptr};
-        tarnel_main(1, argv);
     }
 };
 
@@ -150,7 +141,6 @@ TEST_F(driver, every_keyword_of_the_table)
         EXPECT_EQ(parse(row.text), row.result) << row.text;
         EXPECT_EQ(message_log(), row.log) << row.text;
         EXPECT_EQ(changed(), row.changed) << row.text;
-        EXPECT_EQ(fake::trace_log(), (std::vector<std::string>{"before process_args", "after process_args"}));
     }
 }
 
@@ -289,58 +279,6 @@ TEST_F(sequence, test_mask_selects_subtests_in_table_order_until_one_fails)
             lengths.push_back(block.length);
         EXPECT_EQ(lengths, row.lengths);
     }
-}
-
-TEST_F(driver, passing_run_announces_counts_and_ends_once)
-{
-    fake::set_online({0, 1});
-    run("count=3,test_mask=0");
-
-    // 1, 2 with the pass count, one debug line per worker, 4.
-    EXPECT_EQ(fake::numbers(), (numbers{MSG_RUN_START, MSG_PASS_COUNT, 0, 0, MSG_RUN_END}));
-    EXPECT_EQ(fake::messages_numbered(MSG_PASS_COUNT).at(0).args, strings{"3"});
-    for (const fake::message &line : fake::messages_numbered(0))
-        EXPECT_EQ(line.text, "Cache Access stress for cache_size 100000 line_size 40 num_loops 3\n");
-    EXPECT_EQ(fake::test_end_calls(), 1);
-    EXPECT_EQ(fake::sleeps(), (std::vector<unsigned int>{1, 1}));
-    EXPECT_EQ(fake::trace_log(), (strings{"before process_args", "after process_args", "before clean_up",
-                                          "after clean_up"}));
-}
-
-TEST_F(driver, one_worker_per_online_processor_and_only_joined_statuses_count)
-{
-    fake::set_online({0, 2, 4, 1023, 1024});  // 1024: beyond the table
-    fake::fail_create(2, EAGAIN);               // the second of four
-    fake::fail_bind(EPERM);
-    fake::script_worker_status(0, -1);
-    fake::script_worker_status(2, 7);  // never started: must not count
-    fake::script_worker_status(1023, 12);
-    test_mask = 0;
-    nprocs = init_proc_db();
-    EXPECT_EQ(nprocs, 4);
-    const int online[] = {0, 2, 4, 1023};
-    for (int i = 0; i < MAX_PROCS; i++)
-        ASSERT_EQ(thr_db[i].cpu_id, i < 4 ? online[i] : -1) << i;
-
-    run_ecache_thr();
-    EXPECT_EQ(threads_spawned, 3);
-    EXPECT_EQ(fake::started_cpus(), (std::vector<int>{0, 4, 1023}));
-    EXPECT_EQ(thr_db[1].create_result, EAGAIN);
-    EXPECT_EQ(thr_db[1].thr_id, 0u);
-    // 4006 names the entry, 4003 the processor, whose worker still runs.
-    strings reported;
-    for (const fake::message &m : fake::messages()) {
-        EXPECT_EQ(m.level, m.number == 0 ? LVL_DEBUG : LVL_STEP_ERROR);
-        reported.push_back(std::to_string(m.number) + " " + (m.number == 0 ? m.text : m.args.at(0)));
-    }
-    EXPECT_EQ(reported, (strings{"4006 1", "4003 4",
-                                 "0 Cache Access stress for cache_size 100000 line_size 40 num_loops 0\n"}));
-    EXPECT_EQ(fake::messages_numbered(MSG_BIND_FAILED)[0].args.at(1), strerror(EPERM));
-
-    EXPECT_EQ(wait_thr_db(), 2);
-    EXPECT_EQ(fake::joined_threads().size(), 3u);
-    for (int i = 0; i < 4; i++)
-        EXPECT_EQ(thr_db[i].cpu_id, i == 1 ? 2 : -1) << "only joined entries are emptied";
 }
 
 }  // namespace

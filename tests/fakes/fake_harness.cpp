@@ -18,8 +18,6 @@ std::mutex lock;
 std::vector<message> recorded;
 std::string subopts;
 bool subopts_given;
-int end_calls;
-std::vector<std::string> traces;
 
 struct cpu_info {
     int retval = 0;
@@ -77,8 +75,6 @@ void reset_harness()
     recorded.clear();
     subopts.clear();
     subopts_given = false;
-    end_calls = 0;
-    traces.clear();
     cpus.clear();
     errmsg = "information library not initialised";
 }
@@ -112,8 +108,6 @@ void set_subopts(const std::string &text)
     subopts_given = true;
 }
 
-int test_end_calls() { return end_calls; }
-std::vector<std::string> trace_log() { return traces; }
 
 void set_cacheinfo_result(int cpu, int retval) { info(cpu).retval = retval; }
 
@@ -143,8 +137,8 @@ int test_init(int, char **, int (*parser)(char *), int (*)(void), const char *)
 }
 
 void dxt_test_async_handler(int) {}
-void trace_before(int) { traces.push_back(std::string("before ") + func_name); }
-void trace_after(int) { traces.push_back(std::string("after ") + func_name); }
+void trace_before(int) {}
+void trace_after(int) {}
 
 int dxt_message(int exit_flag, int level, const char *tag, int number, ...)
 {
@@ -177,11 +171,7 @@ int dxt_message(int exit_flag, int level, const char *tag, int number, ...)
     return 0;
 }
 
-int test_end(void)
-{
-    end_calls++;
-    return 0;
-}
+int test_end(void) { return 0; }
 
 int dxt_tlib_get_cpu_cacheinfo(int cpu_id, uint32_t **record)
 {

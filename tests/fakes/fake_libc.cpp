@@ -30,7 +30,6 @@ std::function<void(void *, size_t)> &observer()
     static std::function<void(void *, size_t)> slot;
     return slot;
 }
-std::vector<unsigned int> slept;
 
 template <typename F>
 F next(const char *name)
@@ -53,7 +52,6 @@ void reset_libc()
     lrand48_count = 0;
     drand48_count = 0;
     observer() = nullptr;
-    slept.clear();
 }
 
 void fail_memalign(int first, int count)
@@ -70,7 +68,6 @@ void script_lrand48(const std::vector<long> &draws) { lrand48_script.assign(draw
 int lrand48_calls() { return lrand48_count; }
 int drand48_calls() { return drand48_count; }
 void on_memalign(std::function<void(void *, size_t)> callback) { observer() = std::move(callback); }
-std::vector<unsigned int> sleeps() { return slept; }
 
 }  // namespace fake
 
@@ -130,12 +127,7 @@ double drand48(void)
     return real();
 }
 
-// Recorded, not slept: the driver's pauses would only slow the tests.
-unsigned int sleep(unsigned int seconds)
-{
-    std::lock_guard<std::recursive_mutex> hold(lock);
-    slept.push_back(seconds);
-    return 0;
-}
+// Not slept: the driver's pauses would only slow the tests.
+unsigned int sleep(unsigned int) { return 0; }
 
 }  // extern "C"

@@ -47,8 +47,6 @@ std::vector<message> messages_numbered(int number);  // 0: the free texts
 std::vector<int> numbers();
 // Sub-option text that test_init hands to the parser (default: none given).
 void set_subopts(const std::string &text);
-int test_end_calls();
-std::vector<std::string> trace_log();  // "before process_args", "after clean_up", ...
 
 // ---- information library ----
 // Default for every processor: result 0, descriptor 0 a 32 KiB L1 with 64-byte
@@ -59,14 +57,7 @@ void set_vendor(int cpu, int code);  // default 4 (AMD)
 void set_errmsg(const std::string &text);
 
 // ---- platform ----
-void set_online(const std::vector<int> &cpus);  // default {0}
-void fail_bind(int error_number);              // 0: binding succeeds (default)
-void fail_create(int nth_call, int error_number);  // nth thr_create, from 1
 std::vector<int> bound_cpus();                 // successful bindings, in order
-std::vector<int> started_cpus();               // worker arguments, in order of start
-// Instead of running a worker, return this status for it (by processor id).
-void script_worker_status(int cpu, int status);
-std::vector<unsigned int> joined_threads();
 
 // ---- C library ----
 // Calls numbered from 1 since reset(): calls first .. first+count-1 fail.
@@ -86,8 +77,6 @@ void on_free(void (*observer)(void *block));
 void script_lrand48(const std::vector<long> &draws);
 int lrand48_calls();
 int drand48_calls();
-// The seconds of every sleep() call, in order (the fake does not sleep).
-std::vector<unsigned int> sleeps();
 // Called with every block memalign hands out (the fault model plants here).
 void on_memalign(std::function<void(void *, size_t)> observer);
 
