@@ -2,22 +2,23 @@
 // small buffers of the simulated faulty memory, once per planted fault, and
 // what it reports is counted per subtest and fault model.
 //
-//   coverage_report              prints the tables
-//   coverage_report DOC          writes them into DOC between its markers
-//   coverage_report --check DOC  fails when DOC shows other tables
+//   coverage_report              prints the table
+//   coverage_report DOC          writes it into DOC between its markers
+//   coverage_report --check DOC  fails when DOC shows another table
 //
-// It also fails when a run failed for another reason than a miscompare it
-// found, a fault-free run touched memory outside its buffers, a verifying
-// subtest never found a lost write or a stuck bit, or a traffic-only subtest
-// reported a fault: the proof that every verifying subtest fails on a bad
-// word, in the subtest's own way (its miscompare status, or 6000). A run is deterministic: one thread,
-// the program's generator seeded before every run, and fault positions drawn
-// from a fixed-seed generator of this program (never from lrand48).
+// It also fails when a run fails for another reason than a miscompare it
+// found, when a verifying subtest never finds a lost write or a stuck bit,
+// or when a traffic-only subtest reports a fault: the proof that every
+// verifying subtest fails on a bad word, in its own way (its miscompare
+// status, or 6000). Runs are deterministic: one thread, the program's
+// generator seeded before each, and fault positions from a generator of this
+// program seeded by the subtest's name.
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -37,8 +38,8 @@ namespace {
 // 16 or 32 blocks, the set kernels 16 sets); two passes, so the ping-pong
 // walks of the hit test verify every element (up, then down).
 enum : uint32_t { CACHE_SIZE = 2048, LINE_SIZE = 64, WAYS = 4, ITERATIONS = 2 };
-constexpr int PLACEMENTS = 256;  // fault positions per subtest, the same for every model
-constexpr int SEEDS = 16;        // placement j runs with the subtest's seed j % SEEDS
+constexpr int PLACEMENTS = 256;      // fault positions per subtest, the same for every model
+constexpr int SEEDS = 16;            // placement j runs with the subtest's seed j % SEEDS
 constexpr uint8_t FILL_BYTE = 0x5A;  // every buffer starts so: a lost write keeps a known value
 
 enum model { STUCK_AT_0, STUCK_AT_1, LOST_WRITE, ALIAS, COUPLING, MODELS };
@@ -74,150 +75,53 @@ const subtest subtests[] = {
      [] { return cache_rand_off_stress(given_buffer, CACHE_SIZE, ITERATIONS); }},
 };
 
-// splitmix64, one stream per subtest and purpose (FNV-1a of its function's
-// name), so the positions of one subtest do not move when another changes.
-struct draws {
-    uint64_t state;
-    draws(const subtest &test, uint64_t purpose) : state(0xCBF29CE484222325u)
-    {
-        for (const char *c = test.function; *c != '\0'; c++)
-            state = (state ^ static_cast<unsigned char>(*c)) * 0x100000001B3u;
-        state ^= purpose;
-    }
-    uint64_t next()
-    {
-        uint64_t z = (state += 0x9E3779B97F4A7C15u);
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9u;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBu;
-        return z ^ (z >> 31);
-    }
-    uint32_t below(uint32_t bound) { return static_cast<uint32_t>(next() % bound); }
-};
-
-std::vector<long> seeds_of(const subtest &test)
-{
-    draws d(test, 1);
-    std::vector<long> seeds;
-    for (int s = 0; s < SEEDS; s++)
-        seeds.push_back(static_cast<long>(d.next() & 0xFFFFFFFFu));  // srand48 keeps 32 bits
-    return seeds;
-}
-
-// What a fault-free run did with each word of each buffer.
-enum use : uint8_t { TOUCHED = 1, STORED = 2, READ_BACK = 4 };  // read back: loaded after a store
-
-struct buffer {
-    char *start;
-    size_t length;
-    bool live;
-    std::vector<uint8_t> words;
-};
-
-struct probe {
-    bool failed = false;
-    std::vector<buffer> buffers;
-    int stray = 0;  // accesses outside every live buffer
-};
-
-probe *probing;
 char *planted_block;  // a fault ends with the buffer it is planted in
-
-void note_buffer(void *block, size_t length)
-{
-    std::memset(block, FILL_BYTE, length);
-    probing->buffers.push_back({static_cast<char *>(block), length, true, std::vector<uint8_t>((length + 3) / 4)});
-}
-
-void note_access(const void *address, unsigned width, bool store)
-{
-    auto byte = reinterpret_cast<const char *>(address);
-    for (size_t b = probing->buffers.size(); b-- > 0;) {
-        buffer &in = probing->buffers[b];
-        if (!in.live || byte < in.start || byte + width > in.start + in.length)
-            continue;
-        for (auto w = static_cast<size_t>(byte - in.start) / 4; w <= static_cast<size_t>(byte + width - 1 - in.start) / 4; w++)
-            in.words[w] |= TOUCHED | (store ? STORED : (in.words[w] & STORED) ? READ_BACK : 0);
-        return;
-    }
-    probing->stray++;
-}
 
 }  // namespace
 
-// Every free of the process passes here: it ends the fault planted in the
-// block being freed (a later kernel's buffer at the same address is sound
-// memory), and the life of a block a fault-free run watches.
+// Every free of the process passes here: a later kernel's buffer at the
+// address of a freed one is sound memory.
 extern "C" void free(void *address)
 {
     if (address != nullptr && address == planted_block) {
         planted_block = nullptr;
         fault::reset();
     }
-    if (address != nullptr && probing != nullptr)
-        for (buffer &b : probing->buffers)
-            if (b.start == address)
-                b.live = false;
     __libc_free(address);
 }
 
 namespace {
 
-void start_run(long seed)
+enum verdict { PASSED, FOUND, OTHER };
+
+// A run from `seed`, with `plant` (if any) applied to the subtest's nth
+// buffer (or to the buffer it is handed). FOUND when it reports the miscompare (its status, or the message
+// that ends the test); OTHER for any other failure, or when the buffer never
+// came.
+verdict run(const subtest &test, long seed, int nth = 0, const std::function<void(char *)> &plant = nullptr)
 {
     fake::reset();
     fault::reset();
     pagesize = 4096;
     srand48(seed);
-}
-
-probe probe_run(const subtest &test, long seed)
-{
-    probe watched;
-    watched.buffers.reserve(16);  // free() looks at them: they must not move
-    start_run(seed);
-    probing = &watched;
+    bool planted = plant == nullptr;
+    auto prepare = [&](char *block, size_t length) {
+        std::memset(block, FILL_BYTE, length);
+        if (plant != nullptr)
+            plant(block), planted = true;
+    };
     if (test.given)
-        note_buffer(given_buffer, CACHE_SIZE);
+        prepare(given_buffer, CACHE_SIZE);
+    else if (plant != nullptr)
+        fault::in_allocation(nth, [&](char *block, size_t length) { prepare(block, length), planted_block = block; });
     else
-        fake::on_memalign(note_buffer);
-    fault::on_access(note_access);
-    try {
-        watched.failed = test.run() != 0;
-    } catch (const fake::exit_request &) {
-        watched.failed = true;
-    }
-    probing = nullptr;
-    fault::reset();
-    return watched;
-}
-
-enum verdict { PASSED, FOUND, OTHER };
-
-// A run with a fault planted in the subtest's nth buffer. FOUND when it
-// reports the miscompare (a status, or the message that ends the test);
-// OTHER for any other failure, or when the buffer never came.
-verdict planted_run(const subtest &test, long seed, int nth, const std::function<void(char *)> &plant)
-{
-    start_run(seed);
-    bool planted = test.given;
-    if (test.given) {
-        std::memset(given_buffer, FILL_BYTE, CACHE_SIZE);
-        plant(given_buffer);
-    } else {
-        fault::in_allocation(nth, [&](char *block, size_t length) {
-            std::memset(block, FILL_BYTE, length);
-            plant(block);
-            planted_block = block;
-            planted = true;
-        });
-    }
-    int status = 0;
+        fake::on_memalign([&](void *block, size_t length) { prepare(static_cast<char *>(block), length); });
+    int status = -1;
     bool miscompare = false;
     try {
         status = test.run();
         miscompare = status == L2_MISCOMPARE;
     } catch (const fake::exit_request &request) {
-        status = -1;
         miscompare = request.number == MSG_MISCOMPARE && request.exit_flag == DXT_STEP_FAIL;
     }
     planted_block = nullptr;
@@ -229,81 +133,52 @@ verdict planted_run(const subtest &test, long seed, int nth, const std::function
 
 char *word_at(char *block, uint32_t word) { return block + 4 * uintptr_t{word}; }
 
-struct placement {
-    int nth;
-    uint32_t word, other;  // other: the alias (word XOR one address bit) or the coupling's victim
-    int bit;
-    int seed;
-};
-
-std::function<void(char *)> fault_of(int m, const placement &p)
-{
-    switch (m) {
-    case STUCK_AT_0:
-    case STUCK_AT_1:
-        return [p, m](char *b) { fault::stuck_at(word_at(b, p.word), p.bit, m == STUCK_AT_1); };
-    case LOST_WRITE:
-        return [p](char *b) { fault::lost_write(word_at(b, p.word)); };
-    case ALIAS:
-        return [p](char *b) { fault::alias(word_at(b, p.word), word_at(b, p.other)); };
-    default:
-        return [p](char *b) { fault::coupling(word_at(b, p.word), word_at(b, p.other), p.bit); };
-    }
-}
-
-struct share {
-    int found = 0, placed = 0;
-    void add(bool f) { placed++, found += f; }
-    std::string text() const
-    {
-        char t[64];
-        std::snprintf(t, sizeof t, "%.1f%% (%d/%d)", placed ? 100.0 * found / placed : 0.0, found, placed);
-        return placed ? t : "-";
-    }
-};
-
 struct row {
-    share all[MODELS], touched[MODELS], read_back[MODELS];
-    int other_failures = 0, stray = 0;
+    int found[MODELS] = {};
+    int other_failures = 0;
 };
 
 row measure(const subtest &test)
 {
+    std::seed_seq name(test.function, test.function + std::strlen(test.function));
+    std::mt19937_64 draws(name);
+    auto below = [&draws](size_t bound) { return static_cast<uint32_t>(draws() % bound); };
+    long seeds[SEEDS];
+    for (long &seed : seeds)
+        seed = static_cast<long>(draws() & 0xFFFFFFFFu);  // srand48 keeps 32 bits
     row r;
-    std::vector<long> seeds = seeds_of(test);
-    std::vector<probe> probes;
-    for (long seed : seeds) {
-        probes.push_back(probe_run(test, seed));
-        r.other_failures += probes.back().failed;
-        r.stray += probes.back().stray;
-    }
-    const std::vector<buffer> &buffers = probes[0].buffers;
-    uint32_t all_words = 0;
-    for (const buffer &b : buffers)
-        all_words += static_cast<uint32_t>(b.words.size());
-    draws d(test, 2);
+    r.other_failures = run(test, seeds[0]) != PASSED;
+    std::vector<size_t> words;  // of each buffer, from the fault-free run
+    if (test.given)
+        words.push_back(CACHE_SIZE / 4);
+    for (const fake::range &block : fake::memalign_results())
+        words.push_back(block.length / 4);
+    size_t all_words = 0;
+    for (size_t n : words)
+        all_words += n;
     for (int j = 0; j < PLACEMENTS && all_words > 0; j++) {
-        placement p{0, d.below(all_words), 0, static_cast<int>(d.below(32)), j % SEEDS};
-        while (p.word >= buffers[p.nth].words.size())
-            p.word -= static_cast<uint32_t>(buffers[p.nth++].words.size());
-        auto words = static_cast<uint32_t>(buffers[p.nth].words.size());
-        std::vector<uint32_t> address_bits;  // a decoder that ignores one of them
-        for (uint32_t bit = 0; (1u << bit) < words; bit++)
-            if ((p.word ^ (1u << bit)) < words)
-                address_bits.push_back(bit);
-        uint32_t alias = p.word ^ (1u << address_bits[d.below(static_cast<uint32_t>(address_bits.size()))]);
-        uint32_t victim = d.below(words - 1);
-        victim += victim >= p.word;
-        const std::vector<uint8_t> &use = probes[p.seed].buffers[p.nth].words;
+        int nth = 0;
+        uint32_t word = below(all_words);
+        while (word >= words[nth])
+            word -= static_cast<uint32_t>(words[nth++]);
+        int bit = static_cast<int>(below(32));
+        std::vector<uint32_t> address_bits;  // an alias: a decoder that ignores one of them
+        for (uint32_t b = 0; (size_t{1} << b) < words[nth]; b++)
+            if ((word ^ (1u << b)) < words[nth])
+                address_bits.push_back(b);
+        uint32_t alias = word ^ (1u << address_bits[below(address_bits.size())]);
+        uint32_t victim = below(words[nth] - 1);  // a coupling's: any other word of the buffer
+        victim += victim >= word;
+        const std::function<void(char *)> faults[MODELS] = {
+            [=](char *b) { fault::stuck_at(word_at(b, word), bit, 0); },
+            [=](char *b) { fault::stuck_at(word_at(b, word), bit, 1); },
+            [=](char *b) { fault::lost_write(word_at(b, word)); },
+            [=](char *b) { fault::alias(word_at(b, word), word_at(b, alias)); },
+            [=](char *b) { fault::coupling(word_at(b, word), word_at(b, victim), bit); },
+        };
         for (int m = 0; m < MODELS; m++) {
-            p.other = m == ALIAS ? alias : victim;
-            bool two_words = m == ALIAS || m == COUPLING;
-            verdict v = planted_run(test, seeds[p.seed], p.nth, fault_of(m, p));
-            r.all[m].add(v == FOUND);
-            if ((use[p.word] & TOUCHED) && (!two_words || (use[p.other] & TOUCHED)))
-                r.touched[m].add(v == FOUND);
-            if ((use[p.word] & READ_BACK) && (!two_words || (use[p.other] & READ_BACK)))
-                r.read_back[m].add(v == FOUND);
+            verdict v = run(test, seeds[j % SEEDS], nth, faults[m]);
+            r.found[m] += v == FOUND;
             r.other_failures += v == OTHER;
         }
     }
@@ -313,37 +188,24 @@ row measure(const subtest &test)
 const char BEGIN[] = "<!-- coverage_report: begin of the generated tables, do not edit -->";
 const char END[] = "<!-- coverage_report: end of the generated tables -->";
 
-std::string table_line(const subtest &test, const share *cells)
-{
-    std::string line = std::string("| ") + test.name + " `" + test.function + "` |";
-    for (int i = 0; i < MODELS; i++)
-        line += " " + cells[i].text() + " |";
-    return line;
-}
-
-std::string tables(const std::vector<row> &rows)
+std::string table(const std::vector<row> &rows)
 {
     std::ostringstream out;
     out << "\nEvery subtest runs with `cache_size` " << CACHE_SIZE << ", `line_size` " << LINE_SIZE << ", `ways` "
         << WAYS << " and `iterations` " << ITERATIONS << "; " << PLACEMENTS
         << " placements per subtest, the same positions for every fault model, over " << SEEDS
-        << " seeds of the program's generator.\n";
-    std::string header = "| Subtest |", rule = "|---|";
+        << " seeds of the program's generator.\n\n| Subtest |";
     for (const char *name : model_names)
-        header += std::string(" ") + name + " |", rule += "---|";
-    const struct {
-        const char *title;
-        const share *(*cells)(const row &);
-        bool verifying_only;
-    } views[] = {{"of all words", [](const row &r) -> const share * { return r.all; }, false},
-                 {"of the words the subtest touches", [](const row &r) -> const share * { return r.touched; }, false},
-                 {"of the words the subtest reads back after writing them",
-                  [](const row &r) -> const share * { return r.read_back; }, true}};
-    for (const auto &view : views) {
-        out << "\n### Found, " << view.title << "\n\n" << header << "\n" << rule << "\n";
-        for (size_t i = 0; i < rows.size(); i++)
-            if (subtests[i].verifies || !view.verifying_only)
-                out << table_line(subtests[i], view.cells(rows[i])) << "\n";
+        out << " " << name << " |";
+    out << "\n|---|---|---|---|---|---|\n";
+    for (size_t i = 0; i < rows.size(); i++) {
+        out << "| " << subtests[i].name << " `" << subtests[i].function << "` |";
+        for (int found : rows[i].found) {
+            char cell[64];
+            std::snprintf(cell, sizeof cell, " %.1f%% (%d/%d) |", 100.0 * found / PLACEMENTS, found, PLACEMENTS);
+            out << cell;
+        }
+        out << "\n";
     }
     return out.str();
 }
@@ -358,18 +220,17 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "measuring %s\n", test.function);
         rows.push_back(measure(test));
         const row &r = rows.back();
-        // A verifying subtest must find a lost write and a stuck bit
-        // somewhere; a traffic-only one must never report a fault.
-        int found = r.all[LOST_WRITE].found + r.all[STUCK_AT_0].found + r.all[STUCK_AT_1].found;
-        bool wrong = test.verifies ? r.all[LOST_WRITE].found == 0 || found == r.all[LOST_WRITE].found : found > 0;
-        if (r.other_failures != 0 || r.stray != 0 || wrong) {
-            std::fprintf(stderr, "%s: %d runs failed for another reason, %d accesses outside its buffers%s\n",
-                         test.function, r.other_failures, r.stray,
-                         !wrong ? "" : test.verifies ? ", a planted fault it never found" : ", a fault it reported");
+        int stuck = r.found[STUCK_AT_0] + r.found[STUCK_AT_1], found = stuck;
+        for (int m = LOST_WRITE; m < MODELS; m++)
+            found += r.found[m];
+        bool wrong = test.verifies ? r.found[LOST_WRITE] == 0 || stuck == 0 : found > 0;
+        if (r.other_failures != 0 || wrong) {
+            std::fprintf(stderr, "%s: %d runs failed for another reason%s\n", test.function, r.other_failures,
+                         !wrong ? "" : test.verifies ? ", a kind of fault it never found" : ", a fault it reported");
             bad = 1;
         }
     }
-    std::string generated = tables(rows);
+    std::string generated = table(rows);
     if (argc < 2) {
         std::cout << generated;
         return bad;
