@@ -5,6 +5,7 @@
 
 #include "fakes.h"
 #include "harness/testinfo.h"
+#include "message_args.h"
 
 const char *test_name;
 const char *device_name;
@@ -44,27 +45,13 @@ cpu_info &info(int cpu)
     return fresh;
 }
 
-// What follows each catalogue number: d int, u unsigned, s text.
+// What follows a number: "" for one the program never emits.
 const char *signature(int number)
 {
-    switch (number) {
-    case MSG_PASS_COUNT:
-        return "u";
-    case MSG_DEFAULT_TAKEN:
-    case MSG_THREAD_CREATE_FAILED:
-        return "d";
-    case MSG_GEOMETRY_DEFAULTS:
-        return "sdds";
-    case MSG_USAGE:
-    case MSG_BAD_SUBOPTION:
-        return "s";
-    case MSG_BIND_FAILED:
-        return "ds";
-    case MSG_SYSCALL_FAILED:
-        return "ss";
-    default:
-        return "";
-    }
+    for (const message_args &m : program_messages)
+        if (m.number == number)
+            return m.args;
+    return "";
 }
 
 }  // namespace

@@ -55,9 +55,6 @@ void plant(const planted &f)
     }
 }
 
-// Atomic: in a whole run several workers access memory at once.
-std::atomic<size_t> load_count;
-std::atomic<size_t> store_count;
 std::function<void(const void *, unsigned, bool)> watcher;
 
 bool in_word(uintptr_t byte, uintptr_t word) { return byte >= word && byte < word + 4; }
@@ -96,8 +93,6 @@ volatile uint8_t &cell_at(uintptr_t cell) { return *reinterpret_cast<volatile ui
 void reset()
 {
     fault_count = 0;
-    load_count = 0;
-    store_count = 0;
     watcher = nullptr;
     fake::on_memalign(nullptr);
 }
@@ -131,9 +126,6 @@ void in_allocation(int nth, std::function<void(char *, size_t)> plant, int cpu)
     });
 }
 
-size_t loads() { return load_count; }
-size_t stores() { return store_count; }
-
 void on_access(std::function<void(const void *, unsigned, bool)> watch) { watcher = std::move(watch); }
 
 }  // namespace fault
@@ -142,7 +134,6 @@ using namespace fault;
 
 uint64_t l2_fault_load(const void *addr, unsigned width)
 {
-    load_count++;
     if (watcher)
         watcher(addr, width, false);
     uint64_t value = 0;
@@ -155,7 +146,6 @@ uint64_t l2_fault_load(const void *addr, unsigned width)
 
 void l2_fault_store(void *addr, unsigned width, uint64_t value)
 {
-    store_count++;
     if (watcher)
         watcher(addr, width, true);
     std::vector<const planted *> disturbed;

@@ -27,9 +27,6 @@ void coupling(void *aggressor, void *victim, int bit);
 // with a processor, only blocks allocated by threads running on it count
 // (a bound worker's).
 void in_allocation(int nth, std::function<void(char *block, size_t length)> plant, int cpu = -1);
-// Accesses made through the helpers since reset(), loads and stores.
-size_t loads();
-size_t stores();
 // Calls `watch` with the address (as the program named it, before any
 // alias), the width and the direction of every access from now on, until
 // reset(); for measuring which words a subtest touches.

@@ -20,6 +20,7 @@
 #include "dxtsysinfo_ext.h"
 #include "dxttest_internal.h"
 #include "harness/testinfo.h"
+#include "message_args.h"
 #include "platform.h"  // processor_bind
 #include "verdict.h"
 
@@ -50,17 +51,9 @@ std::string conversions(const char *format)
 
 TEST(Catalogue, ExactlyTheProgramsNumbersEachTakingItsArguments)
 {
-    // What the program passes after each number.
-    std::map<int, std::string> program = {
-        {MSG_RUN_START, ""}, {MSG_PASS_COUNT, "u"}, {MSG_WRRDVR_START, ""}, {MSG_RUN_END, ""},
-        {MSG_SWAP_START, ""}, {MSG_SWAP_END, ""}, {MSG_ROW_MARCH_START, ""}, {MSG_ROW_MARCH_END, ""},
-        {MSG_COL_MARCH_START, ""}, {MSG_COL_MARCH_END, ""}, {MSG_MARCH_LINE_START, ""}, {MSG_MARCH_LINE_END, ""},
-        {MSG_MARCH_VAR_START, ""}, {MSG_MARCH_VAR_END, ""}, {MSG_INTERCONNECT_START, ""}, {MSG_INTERCONNECT_END, ""},
-        {MSG_DEFAULT_TAKEN, "d"}, {MSG_CPC_ENABLED, ""}, {MSG_GEOMETRY_DEFAULTS, "sdds"}, {MSG_USAGE, "s"},
-        {MSG_WRRDVR_NO_MEMORY, ""}, {MSG_NO_MEMORY, ""}, {MSG_BIND_FAILED, "ds"}, {MSG_THREAD_CREATE_FAILED, "d"},
-        {MSG_MISCOMPARE, ""}, {MSG_BAD_SUBOPTION, "s"}, {MSG_WORKERS_FAILED, ""}, {MSG_SYSCALL_FAILED, "ss"},
-        {MSG_UNKNOWN_VENDOR, ""},
-    };
+    std::map<int, std::string> program;
+    for (const message_args &m : program_messages)
+        program.emplace(m.number, m.args);
     std::map<int, std::string> catalogue;
     for (const dxt::catalogue_entry &entry : dxt::catalogue())
         EXPECT_TRUE(catalogue.emplace(entry.number, conversions(entry.format)).second) << entry.number << " twice";
@@ -133,13 +126,6 @@ struct outcome {
         for (std::string line; std::getline(in, line);)
             result.push_back(line);
         return result;
-    }
-    int count(const std::string &needle) const
-    {
-        int n = 0;
-        for (size_t at = out.find(needle); at != std::string::npos; at = out.find(needle, at + 1))
-            n++;
-        return n;
     }
 };
 
@@ -248,27 +234,6 @@ TEST(HarnessProcess, TheRecordTakesTheGeometryEachWorkerAnnounced)
                                     "\"size\":\"defaults\",\"line\":\"defaults\",\"ways\":\"defaults\"},"
                                     "\"shared_cpus\":\"" +
                                     dxt_tlib_get_l2_shared_cpus(cpu) + "\"}],"), std::string::npos) << o.out;
-}
-
-TEST(HarnessProcess, ConcurrentEndsGiveOneVerdict)
-{
-    outcome o = in_child([] {
-        start({});
-        std::latch go(8);
-        std::vector<std::thread> workers;
-        for (int i = 0; i < 8; i++)
-            workers.emplace_back([&go, i] {
-                go.arrive_and_wait();
-                dxt_message(DXT_FATAL, LVL_FATAL, nullptr, i % 2 ? MSG_WORKERS_FAILED : MSG_UNKNOWN_VENDOR);
-            });
-        for (std::thread &t : workers)
-            t.join();
-        return returned;
-    });
-    EXPECT_TRUE(o.status == 1 || o.status == 3) << o.status;
-    EXPECT_EQ(o.count(" VERDICT "), 1) << o.out;
-    EXPECT_EQ(o.count(" FATAL "), 1) << o.out;
-    EXPECT_EQ(o.count("(exit status " + std::to_string(o.status) + ")"), 1) << o.out;
 }
 
 TEST(HarnessProcess, LinesFromManyThreadsStayWhole)
