@@ -1,6 +1,6 @@
 // The sources of cache geometry and of corrected-error counts on trees laid
-// out by the test, with recorded CPUID dumps and made-up sysconf answers;
-// then the public call on this machine.
+// out by the test, with CPUID registers recorded from real processors and
+// made-up sysconf answers.
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <unistd.h>
@@ -114,17 +114,6 @@ TEST_F(fixture_tree, sysfs_picks_entries_by_level_and_type_not_index)
     }
 }
 
-TEST(sysfs_size, suffixes_and_malformed_texts)
-{
-    const struct {
-        const char *text;
-        uint32_t bytes;
-    } rows[] = {{"512", 512},  {"48K", 49152}, {"2M", 2097152}, {"1G", 1u << 30}, {"", 0},
-                {"K", 0},      {"-1K", 0},     {"12Q", 0},      {"32K64", 0},     {"8192M", 0}};
-    for (const auto &row : rows)
-        EXPECT_EQ(parse_cache_size(row.text), row.bytes) << '"' << row.text << '"';
-}
-
 TEST_F(fixture_tree, implausible_values_fall_through_to_the_next_source)
 {
     // Processor 0's L2: the sysfs entry (size, line size, ways), else CPUID,
@@ -206,15 +195,6 @@ TEST_F(fixture_tree, a_map_that_disagrees_with_the_list_wins)
     EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(2), "2");
 }
 
-TEST_F(fixture_tree, the_vendor_comes_from_cpuid_whatever_sysfs_lists)
-{
-    // The fixture's processor directory is empty.
-    int vendor = dxt_tlib_get_x86_vendor(0);
-    use_cache_sources(live_cache_sources());
-    EXPECT_EQ(vendor, dxt_tlib_get_x86_vendor(0));
-    EXPECT_TRUE(vendor == VENDOR_INTEL || vendor == VENDOR_AMD) << vendor;
-}
-
 TEST_F(fixture_tree, corrected_errors_sum_edac_and_the_machine_check_line)
 {
     dxt_corrected_errors before;
@@ -245,20 +225,53 @@ TEST_F(fixture_tree, corrected_errors_sum_edac_and_the_machine_check_line)
     EXPECT_EQ(corrected_errors_increase(&after, &later), 2u);
 }
 
-TEST(this_machine, every_online_processor_reports_the_c_librarys_l2)
+using fields = std::array<uint32_t, 4>;  // source, size, line size, ways
+
+fields of(const cache_desc &desc)
 {
-    long size = sysconf(_SC_LEVEL2_CACHE_SIZE);
-    if (size <= 0)
-        GTEST_SKIP() << "the C library knows no L2 cache here";
-    cpu_set_t allowed;
-    ASSERT_EQ(sched_getaffinity(0, sizeof allowed, &allowed), 0);
-    for (int cpu = 0; cpu < CPU_SETSIZE; cpu++) {
-        if (!CPU_ISSET(cpu, &allowed))
-            continue;
-        const uint32_t *own = descriptor(cpu, 4);
-        EXPECT_EQ(own[CACHEINFO_SIZE], uint32_t(size)) << "processor " << cpu;
-        EXPECT_EQ(own[CACHEINFO_LINE], uint32_t(sysconf(_SC_LEVEL2_CACHE_LINESIZE))) << "processor " << cpu;
-        EXPECT_EQ(own[CACHEINFO_WAYS], uint32_t(sysconf(_SC_LEVEL2_CACHE_ASSOC))) << "processor " << cpu;
+    return {desc.source, desc.size, desc.line_size, desc.ways};
+}
+
+TEST(cpuid_decode, each_vendor_reads_its_own_leaves)
+{
+    const struct {
+        const char *name;
+        cpuid_dump dump;
+        fields l2, l1_data;
+        uint32_t sharing, apic_id;
+    } rows[] = {
+        {"Skylake: leaf 4", recorded::skylake(6), {CACHE_SOURCE_CPUID_4, 256 << 10, 64, 4},
+         {CACHE_SOURCE_CPUID_4, 32 << 10, 64, 8}, 2, 6},
+        {"Zen 2: leaf 0x8000001D", recorded::zen2(5), {CACHE_SOURCE_CPUID_8000001D, 512 << 10, 64, 8},
+         {CACHE_SOURCE_CPUID_8000001D, 32 << 10, 64, 8}, 2, 5},
+        {"this machine: leaves 0x80000005/6", recorded::this_machine(),
+         {CACHE_SOURCE_CPUID_80000006, 1 << 20, 64, 8}, {CACHE_SOURCE_CPUID_80000005, 48 << 10, 64, 12}, 0, 0xe3},
+    };
+    for (const auto &row : rows) {
+        cpuid_answer answer;
+        decode_cpuid_dump(row.dump, &answer);
+        EXPECT_EQ(of(answer.caches.l2), row.l2) << row.name;
+        EXPECT_EQ(of(answer.caches.l1_data), row.l1_data) << row.name;
+        EXPECT_EQ(answer.l2_sharing, row.sharing) << row.name;
+        EXPECT_TRUE(answer.apic_known) << row.name;
+        EXPECT_EQ(answer.apic_id, row.apic_id) << row.name;
+    }
+    // Skylake's L1 instruction cache has the data cache's geometry.
+    cache_desc desc = {};
+    EXPECT_FALSE(decode_deterministic_cache(recorded::skylake(0).leaf_4[1], CACHE_L1_DATA, 0, &desc));
+}
+
+TEST(cpuid_decode, amd_leaf_80000006_associativity_codes)
+{
+    // 512 KB of 64-byte lines: the fully associative code 15 gives one way
+    // per line (8192); 0 (disabled) and the reserved 3, 5, 7, 9 give none.
+    const uint32_t ways_of_code[16] = {0, 1, 2, 0, 4, 0, 8, 0, 16, 0, 32, 48, 64, 96, 128, 8192};
+    for (uint32_t code = 0; code < 16; code++) {
+        uint32_t ways = ways_of_code[code];
+        cache_desc l2 = {};
+        EXPECT_EQ(decode_amd_l2({0, 0, (512u << 16) | (code << 12) | 64u, 0}, &l2), ways != 0) << "code " << code;
+        fields expected = {CACHE_SOURCE_CPUID_80000006, 512 << 10, 64, ways};
+        EXPECT_EQ(of(l2), ways == 0 ? fields{} : expected) << "code " << code;
     }
 }
 
