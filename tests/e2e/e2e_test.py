@@ -167,6 +167,35 @@ class EndToEnd(unittest.TestCase):
         self.assertEqual((v["verdict"], v["exit_status"], v["text"]),
                          ("interrupted", 143, "interrupted by SIGTERM (exit status 143)"))
 
+    def test_a_planted_fault_decides_the_run_on_every_processor(self):
+        """The faulty build with one fault, planted in the named buffer of the
+        worker on each processor in turn: found faults fail the run naming
+        that processor, a traffic-only buffer's fault passes, and a fault the
+        run cannot plant is refused, never passed over."""
+        if not FAULTY:
+            self.skipTest("no fault-model build")
+        for fault, mask, want, line in [
+            # A lost store in the Write/Read/Verify test's first region: the
+            # word keeps the fresh buffer's bytes, and the miscompare ends the
+            # run at once.
+            ("lost,{cpu},0,24", 8, 1, r"FAULT cpu{cpu} .*#6000"),
+            # A bit stuck at 1 in the Cache Hit test's packed records (its
+            # third buffer), all written zero and verified: that worker fails,
+            # and the run fails once every worker is joined.
+            ("stuck1,{cpu},2,24,3", 16, 1, r"SUMMARY failure on cpu{cpu}: Cache Hit Stress \(message 8011"),
+            # A lost store in the hit test's first buffer, caught by its 64-bit
+            # verify (the high half of an element, whose exponent is never 0).
+            ("lost,{cpu},0,28", 16, 1, r"VERDICT FAIL: a fault was found on cpu{cpu} "),
+            ("stuck1,{cpu},0,24,3", 32, 0, r"VERDICT PASS"),
+            ("lost,{cpu},0,99999999999", 8, 2, r"#1 "),
+        ]:
+            for cpu in CPUS:
+                with self.subTest(fault=fault, cpu=cpu):
+                    status, out, _ = run(["-o", f"count=1,test_mask={mask}"], binary=FAULTY,
+                                         env={"TARNEL_FAULT": fault.format(cpu=cpu)})
+                    self.assertEqual(status, want, out)
+                    self.assertRegex(out, line.replace("{cpu}", str(cpu)))
+
     def test_a_fault_names_processor_and_subtest_in_the_record(self):
         """On every processor in turn, a stuck bit in the first buffer its
         worker allocates: the Write/Read/Verify test's miscompare ends the run
