@@ -36,7 +36,7 @@ namespace {
     X(MSG_DEFAULT_TAKEN, "Value outside 1..1024, taking the default %d instead", 0)                                   \
     X(MSG_CPC_ENABLED, "Performance counters asked for (cpc=Enabled); they stay off on this platform")                \
     X(MSG_GEOMETRY_DEFAULTS, "%s failed on cpu %d (return code %d); testing with default geometry. %s", "", 0, 0, "") \
-    X(MSG_USAGE, "usage: %s [-o SUBOPTIONS] [-v | -q] [-d] [--json] [-h] [--version]", "")                            \
+    X(MSG_USAGE, "usage: %s [-o SUBOPTIONS] [-v | -q] [-d] [--json] [--duration TIME] [--runs N] [--keep-going] [-h] [--version]", "")                            \
     X(MSG_WRRDVR_NO_MEMORY, "Write/Read/Verify test could not allocate its buffer")                                   \
     X(MSG_NO_MEMORY, "Could not allocate a test buffer")                                                              \
     X(MSG_BIND_FAILED, "Could not bind the worker thread to cpu %d: %s", 0, "")                                       \
@@ -207,6 +207,13 @@ std::string usage_details(const char *options_text)
         "\n  -q, --quiet    show only errors and faults (levels 1 to 3) and the verdict"
         "\n  -d, --debug    also show debug texts (level 8) and routine tracing"
         "\n      --json     one JSON object per line on standard output instead of text"
+        "\n      --duration TIME"
+        "\n                 burn-in: whole runs one after another, none started after TIME"
+        "\n                 (90, 45s, 30m, 2h); the run in progress finishes, so a burn-in"
+        "\n                 lasts at most TIME plus one run"
+        "\n      --runs N   burn-in of N runs (with --duration, whichever limit comes first)"
+        "\n      --keep-going"
+        "\n                 go on past runs that found a fault (never past one that could not test)"
         "\n  -h, --help     show this usage and exit"
         "\n      --version  show the test's version and exit"
         "\nsub-options:";
@@ -231,8 +238,11 @@ std::string usage_details(const char *options_text)
         "\n                 accepted for compatibility; no subtest reads them"
         "\nexit status: 0 passed, 1 a fault was found, 2 usage error or rejected sub-options,"
         "\n             3 the run could not test (a processor left untested, no subtest"
-        "\n             selected, lost output), 128+N interrupted by signal N"
-        "\nWith --json the last line is the verdict record; see tarneltest(1).";
+        "\n             selected, lost output), 128+N interrupted by signal N; for a"
+        "\n             burn-in: 0 every run passed, 1 a run found a fault, 3 a run could"
+        "\n             not test and none found a fault"
+        "\nWith --json the last line is the verdict record (of the burn-in, for a burn-in);"
+        "\nsee tarneltest(1).";
     return details;
 }
 

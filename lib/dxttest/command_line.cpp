@@ -1,5 +1,6 @@
 // The harness's command line:
-//   tarneltest [-o SUBOPTIONS] [-v | -q] [-d] [--json] [-h] [--version]
+//   tarneltest [-o SUBOPTIONS] [-v | -q] [-d] [--json]
+//              [--duration TIME] [--runs N] [--keep-going] [-h] [--version]
 // Only the -o texts belong to the test; everything else is the harness's.
 #include <getopt.h>
 
@@ -12,6 +13,9 @@ namespace {
 enum long_only_option {
     opt_json = 256,
     opt_version,
+    opt_duration,
+    opt_runs,
+    opt_keep_going,
 };
 
 const option long_options[] = {
@@ -22,8 +26,37 @@ const option long_options[] = {
     {"json", no_argument, nullptr, opt_json},
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, opt_version},
+    {"duration", required_argument, nullptr, opt_duration},
+    {"runs", required_argument, nullptr, opt_runs},
+    {"keep-going", no_argument, nullptr, opt_keep_going},
     {nullptr, 0, nullptr, 0},
 };
+
+// Longer than any burn-in anybody runs, and far from overflowing the
+// milliseconds the burn-in counts in.
+constexpr long long max_seconds = 100LL * 366 * 24 * 3600;
+constexpr long long max_runs = 1000000000;
+
+// Digits and an optional unit (s, m or h; for runs none), positive and at
+// most `limit` once multiplied out; 0 for anything else.
+long long positive_amount(const char *text, bool units, long long limit)
+{
+    long long value = 0;
+    const char *p = text;
+    for (; *p >= '0' && *p <= '9'; p++) {
+        value = value * 10 + (*p - '0');
+        if (value > limit)
+            return 0;
+    }
+    long long unit = 1;
+    if (units && p != text && *p != '\0' && p[1] == '\0') {
+        unit = *p == 's' ? 1 : *p == 'm' ? 60 : *p == 'h' ? 3600 : 0;
+        p++;
+    }
+    if (p == text || *p != '\0' || unit == 0 || value > limit / unit)
+        return 0;
+    return value * unit;
+}
 
 }  // namespace
 
@@ -66,6 +99,23 @@ command_line parse_command_line(int argc, char **argv)
         case opt_version:
             version = true;
             break;
+        case opt_duration:
+        case opt_runs: {
+            bool time = c == opt_duration;
+            long long amount = positive_amount(optarg, time, time ? max_seconds : max_runs);
+            if (amount == 0) {
+                result.action = command_action::error;
+                result.error = time ? std::string("--duration needs a time above zero, in seconds or with a unit "
+                                                  "(90, 45s, 30m, 2h), not '") + optarg + "'"
+                                    : std::string("--runs needs a number of runs above zero, not '") + optarg + "'";
+                return result;
+            }
+            (time ? result.burn_in_seconds : result.burn_in_runs) = amount;
+            break;
+        }
+        case opt_keep_going:
+            result.keep_going = true;
+            break;
         case ':':
             result.action = command_action::error;
             result.error = std::string("option '") + argv[optind - 1] + "' needs a value";
@@ -92,6 +142,11 @@ command_line parse_command_line(int argc, char **argv)
     if (verbose && result.display.quiet) {
         result.action = command_action::error;
         result.error = "-v and -q exclude each other";
+        return result;
+    }
+    if (result.keep_going && result.burn_in_seconds == 0 && result.burn_in_runs == 0) {
+        result.action = command_action::error;
+        result.error = "--keep-going belongs to a burn-in: give --duration or --runs";
         return result;
     }
     if (help)

@@ -65,6 +65,7 @@
 #include <string>
 #include <vector>
 
+#include "burnin.h"
 #include "dxttest_internal.h"
 #include "testinfo.h"
 #include "platform_ext.h"
@@ -79,6 +80,10 @@ namespace {
 
 dxt::display_mode display;
 int output_fd = STDOUT_FILENO;
+// A run of a burn-in: where its JSON verdict record also goes, for the
+// burn-in (-1: not one), and room for the record made before the run starts.
+int record_fd = -1;
+std::vector<char> record_storage;
 const char *options_text = "";
 timespec started;
 std::string subopts;  // the parser's text; it may keep pointers into it
@@ -462,6 +467,11 @@ void put_verdict(dxt::text_buffer &out, const dxt::verdict_record &record)
         dxt::put_verdict_record(out, record);
     else
         dxt::put_verdict_block(out, record, display.quiet);
+    if (record_fd >= 0 && !record_storage.empty()) {
+        dxt::text_buffer copy{record_storage.data(), record_storage.size(), 0};
+        dxt::put_verdict_record(copy, record);
+        write_all(record_fd, copy.data, copy.length);
+    }
 }
 
 // Writes the text as the run's last output and ends the process. After a
@@ -584,27 +594,12 @@ void prepare_run()
     signal_capacity = dxt::line_capacity + dxt::verdict_room(largest);
     signal_storage = new char[signal_capacity];
 
-    // A dumb terminal cannot move back to the start of a line.
-    const char *term = getenv("TERM");
-    progress_on = display.quiet && !display.json && isatty(output_fd) == 1 &&
-                  !(term != nullptr && strcmp(term, "dumb") == 0);
+    progress_on = dxt::progress_wanted(display);
+    if (record_fd >= 0)
+        record_storage.resize(dxt::verdict_room(largest));
     winsize size;
     if (progress_on && ioctl(output_fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
         terminal_columns = size.ws_col;
-}
-
-const char *signal_name(int sig)
-{
-    switch (sig) {
-    case SIGINT:
-        return "SIGINT";
-    case SIGTERM:
-        return "SIGTERM";
-    case SIGHUP:
-        return "SIGHUP";
-    default:
-        return "a signal";
-    }
 }
 
 sigset_t interrupt_signals()
@@ -620,7 +615,7 @@ sigset_t interrupt_signals()
 void put_interrupt_reason(dxt::text_buffer &reason, int sig)
 {
     dxt::put(reason, "interrupted by ");
-    dxt::put(reason, signal_name(sig));
+    dxt::put(reason, dxt::signal_name(sig));
     put_status_reason(reason, "", dxt::exit_signal_base + sig);
 }
 
@@ -757,7 +752,51 @@ void trace(const char *what)
     show_message(DXT_RETURN, LVL_DEBUG, nullptr, MSG_FREE_TEXT, text);
 }
 
+// Every run of a burn-in with this run's form and sub-options.
+[[noreturn]] void start_burn_in(const char *argv0, const dxt::command_line &line)
+{
+    dxt::burn_in_request request{line.burn_in_seconds, line.burn_in_runs, line.keep_going, display, {argv0}, host_name};
+    for (auto [on, flag] : {std::pair{display.quiet, "-q"}, {display.debug, "-d"}, {display.json, "--json"}})
+        if (on)
+            request.run_args.push_back(flag);
+    if (line.subopts_given)
+        request.run_args.insert(request.run_args.end(), {"-o", line.subopts});
+    note_ignored_interrupts();
+    dxt::burn_in(request);
+}
+
 }  // namespace
+
+namespace dxt {
+
+void write_output(const text_buffer &text) { write_text(STDOUT_FILENO, text); }
+
+void end_with(int status) { end_process(status); }
+
+bool progress_wanted(display_mode mode)
+{
+    // A dumb terminal cannot move back to the start of a line.
+    const char *term = getenv("TERM");
+    return mode.quiet && !mode.json && isatty(STDOUT_FILENO) == 1 && !(term != nullptr && strcmp(term, "dumb") == 0);
+}
+
+bool interrupt_ignored(int sig) { return sigismember(&ignored_at_start, sig) == 1; }
+
+const char *signal_name(int sig)
+{
+    switch (sig) {
+    case SIGINT:
+        return "SIGINT";
+    case SIGTERM:
+        return "SIGTERM";
+    case SIGHUP:
+        return "SIGHUP";
+    default:
+        return "a signal";
+    }
+}
+
+}  // namespace dxt
 
 extern "C" {
 
@@ -808,6 +847,12 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
                    "the sub-options \"" + line.subopts + "\" were not all accepted" +
                        dxt::silently_refused(line.subopts),
                    usage);
+    }
+    if (line.burn_in_seconds > 0 || line.burn_in_runs > 0)
+        start_burn_in(argc > 0 ? argv[0] : program, line);
+    if (const char *fd = getenv(dxt::burn_in_record_fd)) {
+        record_fd = atoi(fd);
+        unsetenv(dxt::burn_in_record_fd);
     }
     prepare_run();
     return 0;

@@ -64,6 +64,7 @@ void put_hex(text_buffer &line, unsigned long long value);  // 0x..., lower case
 void put_utc_time(text_buffer &line, long long seconds_since_epoch);  // 2026-11-23T05:40:18Z
 void put_json_string(text_buffer &line, std::string_view text);      // quoted, escaped
 void put_elapsed(text_buffer &line, long long milliseconds);         // "3.2 s"
+void put_duration(text_buffer &line, long long milliseconds);        // "3.2 s", "12 min 05 s", "2 h 03 min"
 void put_seconds(text_buffer &line, long long milliseconds);         // "3.250", a JSON number
 // Processor ids in ascending order as the kernel writes a list: "0-3,5".
 void put_cpu_list(text_buffer &line, std::span<const int> ids);
@@ -144,6 +145,10 @@ struct command_line {
     bool subopts_given = false;
     std::string subopts;  // the -o texts, joined by commas when repeated
     std::string error;    // what was wrong, for action == error
+    // A burn-in: runs until either limit (0: none) is reached.
+    long long burn_in_seconds = 0;
+    long long burn_in_runs = 0;
+    bool keep_going = false;
 };
 // Parses with getopt_long (resetting its state first); argv is not changed.
 command_line parse_command_line(int argc, char **argv);

@@ -241,6 +241,24 @@ void put_elapsed(text_buffer &line, long long milliseconds)
     put(line, " s");
 }
 
+void put_duration(text_buffer &line, long long milliseconds)
+{
+    long long seconds = milliseconds / 1000;
+    if (seconds < 60) {
+        put_elapsed(line, milliseconds);
+    } else if (seconds < 3600) {
+        put_int(line, seconds / 60);
+        put(line, " min ");
+        put_padded(line, seconds % 60, 2);
+        put(line, " s");
+    } else {
+        put_int(line, seconds / 3600);
+        put(line, " h ");
+        put_padded(line, seconds / 60 % 60, 2);
+        put(line, " min");
+    }
+}
+
 void put_seconds(text_buffer &line, long long milliseconds)
 {
     if (milliseconds < 0)

@@ -108,6 +108,9 @@ void put_corrected_warning(text_buffer &out, const corrected_check &c)
 
 bool warns(const corrected_check &c) { return c.available && c.increase > 0; }
 
+// ,"corrected_errors":{...}
+void put_corrected_json(text_buffer &out, const corrected_check &c);
+
 void start_summary_line(text_buffer &out, long long time)
 {
     put_utc_time(out, time);
@@ -467,8 +470,22 @@ void put_verdict_record(text_buffer &out, const verdict_record &r)
         put_failure_json(out, r.failures[i]);
     }
 
-    const corrected_check &c = r.corrected;
-    put(out, "],\"corrected_errors\":{\"checked\":");
+    put(out, "]");
+    put_corrected_json(out, r.corrected);
+    put(out, ",\"warnings\":[");
+    if (warns(r.corrected)) {
+        line_buffer warning;
+        put_corrected_warning(warning, r.corrected);
+        put_json_string(out, std::string_view(warning.data, warning.length));
+    }
+    put(out, "]}\n");
+}
+
+namespace {
+
+void put_corrected_json(text_buffer &out, const corrected_check &c)
+{
+    put(out, ",\"corrected_errors\":{\"checked\":");
     put(out, c.checked ? "true" : "false");
     put(out, ",\"available\":");
     put(out, c.available ? "true" : "false");
@@ -481,14 +498,10 @@ void put_verdict_record(text_buffer &out, const verdict_record &r)
     } else {
         put(out, ",\"before\":null,\"after\":null,\"increase\":null");
     }
-    put(out, "},\"warnings\":[");
-    if (warns(c)) {
-        line_buffer warning;
-        put_corrected_warning(warning, c);
-        put_json_string(out, std::string_view(warning.data, warning.length));
-    }
-    put(out, "]}\n");
+    put(out, "}");
 }
+
+}  // namespace
 
 void put_verdict_block(text_buffer &out, const verdict_record &r, bool quiet)
 {
@@ -548,6 +561,96 @@ void put_progress_text(text_buffer &out, int subtest, int started, int finished,
     put(out, "/");
     put_int(out, processors);
     put(out, " finished");
+}
+
+size_t burn_in_room(const burn_in_record &r)
+{
+    size_t names = 0;
+    for (const failed_run &f : r.failed_runs)
+        names += 160 + 6 * f.subtest.size();
+    return 4096 + 6 * (r.text.size() + r.host.size()) + 2 * names;
+}
+
+void put_burn_in_record(text_buffer &out, const burn_in_record &r)
+{
+    put(out, "{\"time\":\"");
+    put_utc_time(out, r.time);
+    put(out, "\",\"host\":");
+    if (r.host.empty())
+        put(out, "null");
+    else
+        put_json_string(out, r.host);
+    put_json_int_member(out, "schema_version", verdict_schema_version);
+    put_json_text_member(out, "verdict", verdict_name(r.exit_status));
+    put_json_int_member(out, "exit_status", r.exit_status);
+    put_json_text_member(out, "text", r.text);
+    put_json_int_member(out, "runs", r.runs);
+    put_json_int_member(out, "runs_passed", r.runs_passed);
+    put_json_int_member(out, "runs_failed", r.runs_failed);
+    put(out, ",\"failed_runs\":[");
+    for (size_t i = 0; i < r.failed_runs.size(); i++) {
+        const failed_run &f = r.failed_runs[i];
+        put(out, i > 0 ? ",{\"run\":" : "{\"run\":");
+        put_int(out, f.run);
+        put(out, ",\"cpu\":");
+        if (f.cpu >= 0)
+            put_int(out, f.cpu);
+        else
+            put(out, "null");
+        put(out, ",\"subtest\":");
+        if (f.subtest.empty())
+            put(out, "null");
+        else
+            put_json_string(out, f.subtest);
+        put(out, "}");
+    }
+    put(out, "],\"elapsed_seconds\":");
+    put_seconds(out, r.elapsed_ms);
+    put_corrected_json(out, r.corrected);
+    put(out, "}\n");
+}
+
+void put_burn_in_block(text_buffer &out, const burn_in_record &r)
+{
+    start_summary_line(out, r.time);
+    put(out, "burn-in: ");
+    put_int(out, r.runs);
+    put(out, r.runs == 1 ? " run, " : " runs, ");
+    put_int(out, r.runs_passed);
+    put(out, " passed, ");
+    put_int(out, r.runs_failed);
+    put(out, " found a fault\n");
+    for (const failed_run &f : r.failed_runs) {
+        start_summary_line(out, r.time);
+        put(out, "run ");
+        put_int(out, f.run);
+        put(out, " found a fault");
+        if (f.cpu >= 0) {
+            put(out, " on cpu");
+            put_int(out, f.cpu);
+        }
+        if (!f.subtest.empty()) {
+            put(out, " in ");
+            put(out, f.subtest);
+        }
+        put(out, "\n");
+    }
+    start_summary_line(out, r.time);
+    if (r.corrected.available) {
+        put(out, "corrected hardware errors during the burn-in: ");
+        put_int(out, static_cast<long long>(r.corrected.increase));
+        put(out, " (");
+        put(out, r.corrected.sources);
+        put(out, ")\n");
+    } else {
+        put(out, corrected_errors_note(false));
+        put(out, "\n");
+    }
+    start_summary_line(out, r.time);
+    put(out, "elapsed ");
+    put_duration(out, r.elapsed_ms);
+    put(out, "\n");
+    put_verdict_line(out, {r.time, verdict_word(r.exit_status), r.text});
 }
 
 }  // namespace dxt

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -135,6 +136,29 @@ void put_geometry_text(text_buffer &out, const l2_geometry &g);
 // The live progress line (no newline): the subtest and how many of the
 // tested processors started and finished it, within 80 columns.
 void put_progress_text(text_buffer &out, int subtest, int started, int finished, int processors);
+
+// ---- A burn-in: many runs, one verdict ----
+struct failed_run {
+    long long run;
+    int cpu;              // -1: not known
+    std::string subtest;  // "": not known
+};
+struct burn_in_record {
+    long long time;
+    int exit_status;
+    long long elapsed_ms;
+    std::string_view text;  // the verdict's sentence
+    long long runs;
+    long long runs_passed;
+    long long runs_failed;  // runs that found a fault
+    std::span<const failed_run> failed_runs;
+    corrected_check corrected;  // before the first run and after the last
+    std::string_view host;
+};
+size_t burn_in_room(const burn_in_record &record);
+void put_burn_in_record(text_buffer &out, const burn_in_record &record);
+// The summary lines, then the verdict line.
+void put_burn_in_block(text_buffer &out, const burn_in_record &record);
 
 }  // namespace dxt
 

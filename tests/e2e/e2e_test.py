@@ -15,6 +15,7 @@ import signal
 import socket
 import subprocess
 import sys
+import time
 import unittest
 
 BINARY, FAULTY = None, None
@@ -69,7 +70,15 @@ class EndToEnd(unittest.TestCase):
             # The usage record on standard output, the rest on standard error.
             (["--json", "-o", "count=5x"], 2, '"verdict":"usage"', '"number":2005'),
             (["--json", "--frobnicate"], 2, '"verdict":"usage"', "tarneltest: unrecognised option '--frobnicate'\n"),
-            (["-q", "--help"], 0, "usage: tarneltest [-o SUBOPTIONS] [-v | -q] [-d] [--json] [-h] [--version]\n", ""),
+            (["-q", "--help"], 0, "usage: tarneltest [-o SUBOPTIONS] [-v | -q] [-d] [--json] [--duration TIME] "
+                                  "[--runs N] [--keep-going] [-h] [--version]\n", ""),
+            # A burn-in's limits: zero, negative, malformed or overflowing.
+            (["--duration", "0"], 2, "", "--duration needs a time above zero"),
+            (["--duration", "-5"], 2, "", "--duration needs a time above zero"),
+            (["--duration", "5x"], 2, "", "--duration needs a time above zero"),
+            (["--duration", "99999999999999999999"], 2, "", "--duration needs a time above zero"),
+            (["--runs", "0"], 2, "", "--runs needs a number of runs above zero"),
+            (["--keep-going"], 2, "", "--keep-going belongs to a burn-in"),
             (["--version"], 0, "tarneltest version ", ""),
         ]:
             with self.subTest(args=args):
@@ -166,6 +175,50 @@ class EndToEnd(unittest.TestCase):
         v = record(out)
         self.assertEqual((v["verdict"], v["exit_status"], v["text"]),
                          ("interrupted", 143, "interrupted by SIGTERM (exit status 143)"))
+
+    def test_a_burn_in_runs_until_its_limit(self):
+        status, out, _ = run(["--runs", "3", "-q", "-o", "count=1,test_mask=8"])
+        self.assertEqual(status, 0)
+        self.assertEqual(re.findall(r" RUN ([0-9]+) PASS in ", out), ["1", "2", "3"])
+        self.assertRegex(out, r" SUMMARY burn-in: 3 runs, 3 passed, 0 found a fault\n(.*\n)*.* VERDICT PASS: 3 runs "
+                              r"passed in [0-9.]+ s\n$")
+        self.assertEqual(len(re.findall(r"Z run 2 VERDICT PASS", out)), 1)  # each run's lines carry its number
+        # No run starts after the deadline; the one in progress finishes.
+        status, out, _ = run(["--duration", "5", "--json", "-o", "count=1,test_mask=8"])
+        records = [json.loads(line) for line in out.splitlines()]
+        self.assertTrue(all(r["run"] >= 1 for r in records[:-1]))
+        v = records[-1]
+        self.assertEqual((status, v["verdict"], v["runs"], v["runs_passed"]), (0, "pass", 3, 3))
+        self.assertLess(v["elapsed_seconds"], 5 + 2.5)
+        self.assertEqual(set(v), {"time", "host", "schema_version", "verdict", "exit_status", "text", "runs",
+                                  "runs_passed", "runs_failed", "failed_runs", "elapsed_seconds", "corrected_errors"})
+
+    def test_sigint_ends_a_burn_in_with_130_and_its_record(self):
+        args = ["--runs", "50", "--json", "-o", "count=1,test_mask=8"]
+        with subprocess.Popen([BINARY] + args, stdout=subprocess.PIPE, text=True) as p:
+            while '"run":2' not in p.stdout.readline():
+                pass
+            p.send_signal(signal.SIGINT)
+            start = time.monotonic()
+            out, _ = p.communicate(timeout=10)
+            self.assertLess(time.monotonic() - start, 1.0)
+        v = record(out)
+        self.assertEqual((p.returncode, v["verdict"], v["exit_status"], v["runs"]), (130, "interrupted", 130, 2))
+
+    def test_a_burn_in_stops_at_a_fault_unless_it_keeps_going(self):
+        if not FAULTY:
+            self.skipTest("no fault-model build")
+        cpu = CPUS[-1]
+        fault = {"TARNEL_FAULT": f"stuck1,{cpu},2,24,3"}  # the Cache Hit test's packed records, every run
+        status, out, _ = run(["--runs", "3", "-q", "-o", "count=1,test_mask=16"], binary=FAULTY, env=fault)
+        self.assertEqual(status, 1)
+        self.assertIn(f" SUMMARY run 1 found a fault on cpu{cpu} in Cache Hit Stress\n", out)
+        self.assertNotIn(" RUN 2 ", out)
+        status, out, _ = run(["--runs", "3", "--keep-going", "--json", "-o", "count=1,test_mask=16"], binary=FAULTY,
+                             env=fault)
+        v = record(out)
+        self.assertEqual((status, v["runs"], v["runs_failed"]), (1, 3, 3))
+        self.assertEqual(v["failed_runs"][2], {"run": 3, "cpu": cpu, "subtest": "Cache Hit Stress"})
 
     def test_a_planted_fault_decides_the_run_on_every_processor(self):
         """The faulty build with one fault, planted in the named buffer of the
