@@ -63,8 +63,11 @@ def main():
     parser.add_argument("--valgrind", default="valgrind")
     parser.add_argument("--runner", required=True)
     parser.add_argument("--recorder", required=True)
-    parser.add_argument("--case", required=True)
+    parser.add_argument("--case", help="one case (default: every case the runner has)")
     args = parser.parse_args()
+    if args.case is None:  # the runner names its cases when given none
+        cases = subprocess.run([args.runner], capture_output=True, text=True).stderr.split("cases:")[1].split()
+        return max(subprocess.run([sys.executable] + sys.argv + ["--case", case]).returncode for case in cases)
 
     recorded = run([args.recorder, args.case])
     _, marker, blocks = layout(recorded)
@@ -90,4 +93,4 @@ def main():
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())

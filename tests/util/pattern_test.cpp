@@ -1,7 +1,6 @@
-// The 16-word pattern blocks: update_pattern's layouts, its incomplete
-// groups and unknown modes, the complement, store and load; and the
+// The 16-word pattern blocks in every mode of update_pattern, and the
 // simultaneous-switching patterns from scripted draws (position, base and
-// mode, in that order), with the arguments they refuse.
+// mode, in that order).
 #include <gtest/gtest.h>
 
 #include <cstdint>
