@@ -17,8 +17,6 @@ namespace {
 
 std::mutex lock;
 std::vector<message> recorded;
-std::string subopts;
-bool subopts_given;
 
 struct cpu_info {
     int retval = 0;
@@ -60,8 +58,6 @@ void reset_harness()
 {
     std::lock_guard<std::mutex> hold(lock);
     recorded.clear();
-    subopts.clear();
-    subopts_given = false;
     cpus.clear();
     errmsg = "information library not initialised";
 }
@@ -89,12 +85,6 @@ std::vector<int> numbers()
     return found;
 }
 
-void set_subopts(const std::string &text)
-{
-    subopts = text;
-    subopts_given = true;
-}
-
 
 void set_cacheinfo_result(int cpu, int retval) { info(cpu).retval = retval; }
 
@@ -113,15 +103,7 @@ void set_errmsg(const std::string &text) { errmsg = text; }
 
 using namespace fake;
 
-int test_init(int, char **, int (*parser)(char *), int (*)(void), const char *)
-{
-    if (subopts_given) {
-        std::vector<char> text(subopts.begin(), subopts.end());
-        text.push_back('\0');
-        parser(text.data());
-    }
-    return 0;
-}
+int test_init(int, char **, int (*)(char *), int (*)(void), const char *) { return 0; }
 
 void dxt_test_async_handler(int) {}
 void trace_before(int) {}

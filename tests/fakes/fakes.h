@@ -45,8 +45,6 @@ std::vector<message> messages();
 std::vector<message> messages_numbered(int number);  // 0: the free texts
 // The numbers of all messages, in order (free texts as 0).
 std::vector<int> numbers();
-// Sub-option text that test_init hands to the parser (default: none given).
-void set_subopts(const std::string &text);
 
 // ---- information library ----
 // Default for every processor: result 0, descriptor 0 a 32 KiB L1 with 64-byte

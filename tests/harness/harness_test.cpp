@@ -140,3 +140,63 @@ void start(std::vector<std::string> args)
     argv.push_back(nullptr);
     test_init(static_cast<int>(args.size()), argv.data(), nullptr, nullptr, "");
 }
+
+TEST(HarnessProcess, LinesFromManyThreadsStayWhole)
+{
+    constexpr int threads = 4, messages = 300;
+    auto text_of = [](int t, int i) {
+        return "thread " + std::to_string(t) + " message " + std::to_string(i) + " " +
+               std::string(200 + 37 * t, static_cast<char>('a' + t));
+    };
+    outcome o = in_child([&] {
+        start({});
+        std::latch go(threads);
+        std::vector<std::thread> workers;
+        for (int t = 0; t < threads; t++)
+            workers.emplace_back([&, t] {
+                go.arrive_and_wait();
+                for (int i = 0; i < messages; i++)
+                    dxt_message(DXT_RETURN, LVL_INFO, "l2cache", MSG_FREE_TEXT, "%s", text_of(t, i).c_str());
+            });
+        for (std::thread &w : workers)
+            w.join();
+        return returned;
+    });
+    EXPECT_EQ(o.status, returned);
+    ASSERT_EQ(o.lines().size(), static_cast<size_t>(threads * messages));
+    std::vector<int> next(threads, 0);
+    for (const std::string &line : o.lines()) {
+        size_t at = line.find(" thread ");
+        ASSERT_NE(at, std::string::npos) << line;
+        int t = line[at + 8] - '0';
+        ASSERT_TRUE(t >= 0 && t < threads) << line;
+        EXPECT_EQ(line.substr(at + 1), text_of(t, next[t]++));  // each thread's lines whole, in its order
+    }
+}
+
+TEST(HarnessProcess, BusErrorIsAHardwareFaultWithProcessorAndAddress)
+{
+    outcome o = in_child([] {
+        start({});
+        dxt_test_async_handler(0);
+        // A read past the end of a file mapping is a bus error. The
+        // mapping goes where the kernel puts it: a fixed address may lie
+        // outside what a sanitizer lets the program map.
+        int fd = fileno(tmpfile());
+        if (ftruncate(fd, 4096) != 0)
+            return 99;
+        void *where = mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0);
+        if (where == MAP_FAILED || ftruncate(fd, 0) != 0)
+            return 99;
+        return static_cast<volatile char *>(where)[64] + returned;
+    });
+    EXPECT_EQ(o.status, 1) << o.out;
+    // Byte 64 of a page-aligned mapping: the address ends in 040.
+    EXPECT_TRUE(std::regex_search(o.out, std::regex(" FATAL main #0 hardware fault: bus error \\(SIGBUS\\) on "
+                                                    "cpu([0-9]+) at address (0x[0-9a-f]*040)\n(.*\n)*.* SUMMARY failure "
+                                                    "on cpu\\1: .*\\(signal, address \\2\\)\n(.*\n)*.* VERDICT FAIL: "
+                                                    "a fault was found on cpu\\1 \\(exit status 1\\)\n$")))
+        << o.out;
+}
+
+}  // namespace
