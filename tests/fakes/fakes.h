@@ -1,9 +1,8 @@
 // Fake harness, information library, platform and C-library calls for the
 // unit tests: they record what the program asks and answer from a script,
 // so every expected value can be worked out by hand. A message with a
-// non-zero exit flag throws fake::exit_request, thr_exit throws
-// fake::thread_exit, and thr_create runs the worker to its end before it
-// returns, so a run is deterministic.
+// non-zero exit flag throws fake::exit_request, and thr_exit throws
+// fake::thread_exit, so a worker runs on the test's own thread.
 #ifndef TARNEL_TESTS_FAKES_H
 #define TARNEL_TESTS_FAKES_H
 

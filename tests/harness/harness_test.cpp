@@ -1,7 +1,6 @@
 // The harness's own rules, where no whole run can show them: the catalogue
-// against what the program passes, the corrected-error warning, and the
-// harness as a process sees it (each case in a child process: its exit
-// status and its lines).
+// against what the program passes, and the harness as a process sees it
+// (each case in a child process: its exit status and its lines).
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -20,7 +19,6 @@
 #include "dxttest_internal.h"
 #include "harness/testinfo.h"
 #include "message_args.h"
-#include "verdict.h"
 
 // What the program defines for the harness to read.
 const char dxt_test_version[] = "9.9 2026/01/02 (harness test)";
@@ -58,25 +56,6 @@ TEST(Catalogue, ExactlyTheProgramsNumbersEachTakingItsArguments)
     EXPECT_EQ(catalogue, program);
     EXPECT_EQ(dxt::catalogue_format(0), nullptr);
     EXPECT_EQ(dxt::catalogue_format(4242), nullptr);
-}
-
-TEST(CorrectedErrors, AnIncreaseWarnsAndNeverFails)
-{
-    dxt::machine_description m;
-    m.tested = {0};
-    dxt::corrected_check rising = dxt::compare_corrected_errors(true, {1, 10, 1, 2, 12}, true, {1, 13, 1, 2, 15});
-    dxt::verdict_record record{0, 0, 0, "passed", 0, &m, {}, rising};
-    std::vector<char> storage(dxt::verdict_room(record));
-    dxt::text_buffer out{storage.data(), storage.size()};
-    dxt::put_verdict_record(out, record);
-    std::string line(out.data, out.length);
-    EXPECT_NE(line.find(",\"verdict\":\"pass\","), std::string::npos) << line;
-    EXPECT_NE(line.find("\"before\":12,\"after\":15,\"increase\":3},\"warnings\":[\"3 corrected hardware errors"),
-              std::string::npos) << line;
-    dxt::corrected_check none = dxt::compare_corrected_errors(false, {}, false, {});
-    EXPECT_FALSE(none.available);
-    EXPECT_NE(dxt::corrected_errors_note(false), nullptr);
-    EXPECT_EQ(dxt::corrected_errors_note(true), nullptr);
 }
 
 // What a child's body returns when it comes back: tells "returned" apart

@@ -261,18 +261,4 @@ TEST(cpuid_decode, each_vendor_reads_its_own_leaves)
     EXPECT_FALSE(decode_deterministic_cache(recorded::skylake(0).leaf_4[1], CACHE_L1_DATA, 0, &desc));
 }
 
-TEST(cpuid_decode, amd_leaf_80000006_associativity_codes)
-{
-    // 512 KB of 64-byte lines: the fully associative code 15 gives one way
-    // per line (8192); 0 (disabled) and the reserved 3, 5, 7, 9 give none.
-    const uint32_t ways_of_code[16] = {0, 1, 2, 0, 4, 0, 8, 0, 16, 0, 32, 48, 64, 96, 128, 8192};
-    for (uint32_t code = 0; code < 16; code++) {
-        uint32_t ways = ways_of_code[code];
-        cache_desc l2 = {};
-        EXPECT_EQ(decode_amd_l2({0, 0, (512u << 16) | (code << 12) | 64u, 0}, &l2), ways != 0) << "code " << code;
-        fields expected = {CACHE_SOURCE_CPUID_80000006, 512 << 10, 64, ways};
-        EXPECT_EQ(of(l2), ways == 0 ? fields{} : expected) << "code " << code;
-    }
-}
-
 }  // namespace

@@ -29,16 +29,6 @@ namespace {
 
 uint32_t marker;
 
-void block_store_load()
-{
-    uint32_t pattern[PATTERN_WORDS];
-    for (uint32_t i = 0; i < PATTERN_WORDS; i++)
-        pattern[i] = i * 0x01010101u;
-    auto *block = static_cast<uint32_t *>(memalign(64, 64));
-    st_pattern(pattern, block, PATTERN_WORDS);
-    (void)ld_pattern(block, PATTERN_WORDS);
-}
-
 // One case a kernel family, each on a geometry that makes every phase run
 // and in which no block is freed before the next is handed out (an address
 // used twice would leave the checker unable to tell the blocks apart).
@@ -48,7 +38,6 @@ const struct {
     const char *name;
     std::function<void()> run;
 } cases[] = {
-    {"block_store_load", block_store_load},
     {"stress_wrrdvr", [] { cache_wrrdvr_stress(nullptr, 32, 1, 1); }},
     {"stress_basic_dtype", [] { basic_dtype_l2cachehit_stress(nullptr, 32, 2); }},
     {"stress_wrrdwr", [] { l2cachehit_wrrdwr(nullptr, 64, 4, 2); }},
