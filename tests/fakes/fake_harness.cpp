@@ -54,6 +54,17 @@ const char *signature(int number)
 
 }  // namespace
 
+void reset_harness();
+void reset_platform();
+void reset_libc();
+
+void reset()
+{
+    reset_harness();
+    reset_platform();
+    reset_libc();
+}
+
 void reset_harness()
 {
     std::lock_guard<std::mutex> hold(lock);
