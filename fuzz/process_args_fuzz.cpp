@@ -9,6 +9,7 @@
 
 #include "driver/tarnel.h"
 #include "fakes.h"
+#include "option_defaults.h"
 
 // The parser needs none of the C-library stand-ins, and they must stay out:
 // libFuzzer's own threads call sleep and must really sleep.
@@ -16,31 +17,10 @@ namespace fake {
 void reset_libc() {}
 }  // namespace fake
 
-namespace {
-
-void defaults()
-{
-    count = 8;
-    tag_count = 1;
-    march_window = 0;
-    march_al = 512;
-    march_pats = 15;
-    l1cache_write_policy = -1;
-    test_mask = 1048575;
-}
-
-bool at_defaults()
-{
-    return count == 8 && tag_count == 1 && march_window == 0 && march_al == 512 && march_pats == 15 &&
-           l1cache_write_policy == -1 && test_mask == 1048575;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     fake::reset();
-    defaults();
+    reset_options();
     std::string text(reinterpret_cast<const char *>(data), size);
     text = text.substr(0, text.find('\0'));
     std::vector<char> writable(text.begin(), text.end());
@@ -51,9 +31,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         abort();
     if (count < 1 || count > 1024 || tag_count < 1 || tag_count > 1024)
         abort();
-    if (text.starts_with(',') && (result != 0 || !at_defaults()))
+    if (text.starts_with(',') && (result != 0 || options_now() != option_defaults))
         abort();  // an empty first item is rejected, and nothing is stored
-    if (text.empty() && (result != 1 || !at_defaults()))
+    if (text.empty() && (result != 1 || options_now() != option_defaults))
         abort();
     return 0;
 }

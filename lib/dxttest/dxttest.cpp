@@ -45,6 +45,10 @@
 //   is redrawn in place and cleared before any other line.
 //   Command-line errors go to standard error, followed by the usage.
 //
+// Burn-in: with --duration or --runs, test_init hands the run over to
+// burnin.cpp, which starts the whole test again and again as processes of
+// its own and ends with the burn-in's summary, verdict and exit status.
+//
 // The option parser is called exactly once, with "" when no -o was given;
 // repeated -o texts are joined with commas.
 #include <pthread.h>

@@ -111,6 +111,21 @@ bool warns(const corrected_check &c) { return c.available && c.increase > 0; }
 // ,"corrected_errors":{...}
 void put_corrected_json(text_buffer &out, const corrected_check &c);
 
+// {"time":...,"host":...,"schema_version":...,"verdict":...,"exit_status":...
+void put_record_head(text_buffer &out, long long time, std::string_view host, int exit_status)
+{
+    put(out, "{\"time\":\"");
+    put_utc_time(out, time);
+    put(out, "\",\"host\":");
+    if (host.empty())
+        put(out, "null");
+    else
+        put_json_string(out, host);
+    put_json_int_member(out, "schema_version", verdict_schema_version);
+    put_json_text_member(out, "verdict", verdict_name(exit_status));
+    put_json_int_member(out, "exit_status", exit_status);
+}
+
 void start_summary_line(text_buffer &out, long long time)
 {
     put_utc_time(out, time);
@@ -391,16 +406,7 @@ size_t verdict_room(const verdict_record &r)
 
 void put_verdict_record(text_buffer &out, const verdict_record &r)
 {
-    put(out, "{\"time\":\"");
-    put_utc_time(out, r.time);
-    put(out, "\",\"host\":");
-    if (r.host.empty())
-        put(out, "null");
-    else
-        put_json_string(out, r.host);
-    put_json_int_member(out, "schema_version", verdict_schema_version);
-    put_json_text_member(out, "verdict", verdict_name(r.exit_status));
-    put_json_int_member(out, "exit_status", r.exit_status);
+    put_record_head(out, r.time, r.host, r.exit_status);
     put(out, ",\"elapsed_seconds\":");
     put_seconds(out, r.elapsed_ms);
     put_json_text_member(out, "text", r.text);
@@ -573,16 +579,7 @@ size_t burn_in_room(const burn_in_record &r)
 
 void put_burn_in_record(text_buffer &out, const burn_in_record &r)
 {
-    put(out, "{\"time\":\"");
-    put_utc_time(out, r.time);
-    put(out, "\",\"host\":");
-    if (r.host.empty())
-        put(out, "null");
-    else
-        put_json_string(out, r.host);
-    put_json_int_member(out, "schema_version", verdict_schema_version);
-    put_json_text_member(out, "verdict", verdict_name(r.exit_status));
-    put_json_int_member(out, "exit_status", r.exit_status);
+    put_record_head(out, r.time, r.host, r.exit_status);
     put_json_text_member(out, "text", r.text);
     put_json_int_member(out, "runs", r.runs);
     put_json_int_member(out, "runs_passed", r.runs_passed);

@@ -15,6 +15,7 @@
 
 #include "driver/tarnel.h"
 #include "fakes.h"
+#include "option_defaults.h"
 #include "harness/testinfo.h"
 #include "stress/l2cache.h"
 
@@ -28,13 +29,7 @@ protected:
     void SetUp() override
     {
         fake::reset();
-        count = 8;
-        tag_count = 1;
-        march_window = 0;
-        march_al = 512;
-        march_pats = 15;
-        l1cache_write_policy = -1;
-        test_mask = 0xFFFFF;
+        reset_options();
         iterations = 0;
         nprocs = 0;
         threads_spawned = 0;
@@ -83,13 +78,14 @@ std::string changed()
         if (value != initial)
             text += std::string(name) + "=" + std::to_string(value) + " ";
     };
-    note("count", count, 8);
-    note("tag", tag_count, 1);
-    note("march_window", march_window, 0);
-    note("march_al", march_al, 512);
-    note("march_pats", march_pats, 15);
-    note("l1cache_write_policy", l1cache_write_policy, -1);
-    note("test_mask", test_mask, 1048575);
+    const option_values now = options_now(), &d = option_defaults;
+    note("count", now.count, d.count);
+    note("tag", now.tag_count, d.tag_count);
+    note("march_window", now.march_window, d.march_window);
+    note("march_al", now.march_al, d.march_al);
+    note("march_pats", now.march_pats, d.march_pats);
+    note("l1cache_write_policy", now.l1cache_write_policy, d.l1cache_write_policy);
+    note("test_mask", now.test_mask, d.test_mask);
     return text;
 }
 
