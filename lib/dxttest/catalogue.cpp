@@ -36,7 +36,8 @@ namespace {
     X(MSG_DEFAULT_TAKEN, "Value outside 1..1024, taking the default %d instead", 0)                                   \
     X(MSG_CPC_ENABLED, "Performance counters asked for (cpc=Enabled); they stay off on this platform")                \
     X(MSG_GEOMETRY_DEFAULTS, "%s failed on cpu %d (return code %d); testing with default geometry. %s", "", 0, 0, "") \
-    X(MSG_USAGE, "usage: %s [-o SUBOPTIONS] [-v | -q] [-d] [--json] [--duration TIME] [--runs N] [--keep-going] [-h] [--version]", "")                            \
+    X(MSG_USAGE, "usage: %s [-o SUBOPTIONS] [-v | -q] [-d] [--json] [--duration TIME] [--runs N] "                    \
+                 "[--keep-going] [-h] [--version]", "")                                                               \
     X(MSG_WRRDVR_NO_MEMORY, "Write/Read/Verify test could not allocate its buffer")                                   \
     X(MSG_NO_MEMORY, "Could not allocate a test buffer")                                                              \
     X(MSG_BIND_FAILED, "Could not bind the worker thread to cpu %d: %s", 0, "")                                       \

@@ -109,7 +109,23 @@ void put_corrected_warning(text_buffer &out, const corrected_check &c)
 bool warns(const corrected_check &c) { return c.available && c.increase > 0; }
 
 // ,"corrected_errors":{...}
-void put_corrected_json(text_buffer &out, const corrected_check &c);
+void put_corrected_json(text_buffer &out, const corrected_check &c)
+{
+    put(out, ",\"corrected_errors\":{\"checked\":");
+    put(out, c.checked ? "true" : "false");
+    put(out, ",\"available\":");
+    put(out, c.available ? "true" : "false");
+    put(out, ",\"sources\":");
+    put_json_string(out, c.sources);
+    if (c.available) {
+        put_json_int_member(out, "before", static_cast<long long>(c.before));
+        put_json_int_member(out, "after", static_cast<long long>(c.after));
+        put_json_int_member(out, "increase", static_cast<long long>(c.increase));
+    } else {
+        put(out, ",\"before\":null,\"after\":null,\"increase\":null");
+    }
+    put(out, "}");
+}
 
 // {"time":...,"host":...,"schema_version":...,"verdict":...,"exit_status":...
 void put_record_head(text_buffer &out, long long time, std::string_view host, int exit_status)
@@ -486,28 +502,6 @@ void put_verdict_record(text_buffer &out, const verdict_record &r)
     }
     put(out, "]}\n");
 }
-
-namespace {
-
-void put_corrected_json(text_buffer &out, const corrected_check &c)
-{
-    put(out, ",\"corrected_errors\":{\"checked\":");
-    put(out, c.checked ? "true" : "false");
-    put(out, ",\"available\":");
-    put(out, c.available ? "true" : "false");
-    put(out, ",\"sources\":");
-    put_json_string(out, c.sources);
-    if (c.available) {
-        put_json_int_member(out, "before", static_cast<long long>(c.before));
-        put_json_int_member(out, "after", static_cast<long long>(c.after));
-        put_json_int_member(out, "increase", static_cast<long long>(c.increase));
-    } else {
-        put(out, ",\"before\":null,\"after\":null,\"increase\":null");
-    }
-    put(out, "}");
-}
-
-}  // namespace
 
 void put_verdict_block(text_buffer &out, const verdict_record &r, bool quiet)
 {

@@ -58,13 +58,15 @@ struct subtest {
 const subtest subtests[] = {
     {"Write/Read/Verify", "cache_wrrdvr_stress", true, false,
      [] { return cache_wrrdvr_stress(nullptr, CACHE_SIZE, WAYS, ITERATIONS); }},
-    {"Cache Hit", "cache_hit_stress", true, false, [] { return cache_hit_stress(nullptr, CACHE_SIZE, LINE_SIZE, ITERATIONS); }},
+    {"Cache Hit", "cache_hit_stress", true, false,
+     [] { return cache_hit_stress(nullptr, CACHE_SIZE, LINE_SIZE, ITERATIONS); }},
     {"Cache Miss", "cache_miss_stress", false, false,
      [] { return cache_miss_stress(nullptr, CACHE_SIZE, LINE_SIZE, WAYS, ITERATIONS); }},
     {"Random Swap", "crand", false, false, [] { return crand(nullptr, CACHE_SIZE); }},
     {"Interconnect", "cache_interconnect_stress", false, false,
      [] { return cache_interconnect_stress(nullptr, CACHE_SIZE, ITERATIONS); }},
-    {"30N march, variable data", "cache_march_stress4", false, false, [] { return cache_march_stress4(nullptr, CACHE_SIZE); }},
+    {"30N march, variable data", "cache_march_stress4", false, false,
+     [] { return cache_march_stress4(nullptr, CACHE_SIZE); }},
     {"30N march, line striding", "cache_march_stress3", false, false,
      [] { return cache_march_stress3(nullptr, CACHE_SIZE, ITERATIONS); }},
     {"Row-striding march", "cache_march_stress1", true, false,
@@ -95,9 +97,9 @@ namespace {
 enum verdict { PASSED, FOUND, OTHER };
 
 // A run from `seed`, with `plant` (if any) applied to the subtest's nth
-// buffer (or to the buffer it is handed). FOUND when it reports the miscompare (its status, or the message
-// that ends the test); OTHER for any other failure, or when the buffer never
-// came.
+// buffer (or to the buffer it is handed). FOUND when it reports the
+// miscompare (its status, or the message that ends the test); OTHER for any
+// other failure, or when the buffer never came.
 verdict run(const subtest &test, long seed, int nth = 0, const std::function<void(char *)> &plant = nullptr)
 {
     fake::reset();
@@ -113,7 +115,10 @@ verdict run(const subtest &test, long seed, int nth = 0, const std::function<voi
     if (test.given)
         prepare(given_buffer, CACHE_SIZE);
     else if (plant != nullptr)
-        fault::in_allocation(nth, [&](char *block, size_t length) { prepare(block, length), planted_block = block; });
+        fault::in_allocation(nth, [&](char *block, size_t length) {
+            prepare(block, length);
+            planted_block = block;
+        });
     else
         fake::on_memalign([&](void *block, size_t length) { prepare(static_cast<char *>(block), length); });
     int status = -1;
