@@ -59,7 +59,7 @@ program=$root/build/release/tarneltest
 
 step "building the benchmarks (Release, build/perf)"
 if ! { cmake -S "$root" -B "$root/build/perf" -G Ninja -DCMAKE_BUILD_TYPE=Release -DTARNEL_TESTS=ON \
-    -DTARNEL_FAULT_MODEL=OFF -DTARNEL_CHECKS=OFF && cmake --build "$root/build/perf" --target tarnel_bench; } \
+    -DTARNEL_FAULT_MODEL=ON -DTARNEL_CHECKS=OFF && cmake --build "$root/build/perf" --target tarnel_bench; } \
     >"$work/perf.log" 2>&1; then
     tail -n 30 "$work/perf.log" >&2
     fail "the benchmark build failed"

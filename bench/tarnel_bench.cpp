@@ -44,22 +44,14 @@
 #include <utility>
 #include <vector>
 
-#include "march/genmarch.h"
-#include "stress/l2cache.h"
+#include "rows.h"
 #include "util/l2_util.h"
-#ifdef L2_FAULT_MODEL
-#include "fault_model.h"
-#endif
 
 namespace {
 
-// ---- Geometry -----------------------------------------------------------
+using namespace bench;
 
-struct geometry {
-    uint32_t cache_size;
-    uint32_t line_size;
-    uint32_t ways;
-};
+// ---- Geometry -----------------------------------------------------------
 
 enum : uint32_t {
     FALLBACK_CACHE_SIZE = 1u << 20,
@@ -81,13 +73,6 @@ geometry machine_geometry()
         return {FALLBACK_CACHE_SIZE, FALLBACK_LINE_SIZE, FALLBACK_WAYS};
     return {static_cast<uint32_t>(size), static_cast<uint32_t>(line), static_cast<uint32_t>(ways)};
 }
-
-geometry g;  // set once in main, before any benchmark is registered
-
-// The three region sizes the subtests work on.
-size_t whole() { return g.cache_size; }                       // one cache size
-size_t twice() { return size_t{2} * g.cache_size; }           // twice the cache
-size_t half() { return march_region_bytes(g.cache_size); }    // the half-cache region
 
 // ---- Accesses of the reference loops ---------------------------------------
 // The program's own access helpers: one volatile access each, exactly what
@@ -420,7 +405,6 @@ double offset_load(const buffers &m)
     over_offsets([&m](uint32_t w) { (void)ld<uint32_t>(m.a + 4 * size_t{w}); });
     return double(offset_list.size() * 4);
 }
-
 // ---- Reference rates ----------------------------------------------------
 // Keyed by shape and region size; the rates of the longest runs (Google
 // Benchmark first calls a benchmark with few iterations to size it, then
@@ -431,8 +415,6 @@ struct rate_record {
     std::vector<double> rates;
 };
 std::map<std::string, rate_record> reference_rates;
-
-std::string key(const std::string &shape, size_t region) { return shape + "/" + std::to_string(region); }
 
 void record_rate(const std::string &k, int64_t iterations, double rate)
 {
@@ -465,14 +447,6 @@ double cpu_seconds()
     return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
 }
 
-char *page_aligned(size_t size)
-{
-    void *p = nullptr;
-    if (posix_memalign(&p, 4096, size) != 0)
-        return nullptr;
-    std::memset(p, 0, size);  // fault every page in before timing
-    return static_cast<char *>(p);
-}
 
 void run_reference(benchmark::State &state, const std::string &shape, size_t region,
                    double (*loop)(const buffers &))
@@ -496,10 +470,12 @@ void run_reference(benchmark::State &state, const std::string &shape, size_t reg
     state.SetBytesProcessed(static_cast<int64_t>(bytes * double(state.iterations())));
     record_rate(key(shape, region), state.iterations(), bytes * double(state.iterations()) / elapsed);
 }
-
 // ---- Subtests and their traffic -----------------------------------------
-// The bytes a subtest's accesses move, by shape, as its description gives
-// them: `passes` is the `iterations` argument.
+// A row's traffic is the bytes its accesses move, shape by shape. Nothing
+// here works it out: the census (bench/census.cpp, the same rows in the
+// program's counting build) counts every access a row makes and puts it in
+// the shape named for the kernel that made it, and the benchmark takes its
+// figures at this machine's geometry.
 
 struct component {
     std::string key;
@@ -507,163 +483,6 @@ struct component {
 };
 using traffic = std::vector<component>;
 
-// Blocks visited by an ascending (or descending) march over the half-cache
-// region: p = F, F + block, ... while p < F + region - block.
-double march_blocks_visited(size_t block)
-{
-    size_t region = half();
-    return region > block ? double((region - block + block - 1) / block) : 0;
-}
-
-// The kernels that only load store what they loaded last into the buffer's
-// first element once, whatever the passes, so the loads cannot be dropped.
-const double SINK32 = 4, SINK64 = 8;
-
-traffic wrrdvr_traffic(uint32_t passes)
-{
-    double words = g.cache_size / 4;
-    return {{key("seq_verify32", twice()), passes * words * 16}};
-}
-
-traffic hit_traffic(uint32_t passes)
-{
-    double words = g.cache_size / 4, dwords = g.cache_size / 8, slots = g.cache_size / sizeof(derived_rec);
-    double strided = (g.cache_size / 4 + g.line_size - 1) / g.line_size;  // every line_size-th word
-    double steps32 = words < 2 ? 0 : words - 1, steps64 = dwords < 2 ? 0 : dwords - 1;
-    uint32_t stride = g.line_size / 2;
-    double column_words = double(g.cache_size / stride) * (stride / 4);
-    return {
-        {key("seq_store32", whole()), passes * steps32 * 8 + words * 4 + passes * strided * 4},
-        {key("seq_store64", whole()), passes * steps64 * 8},
-        {key("seq_store_check64", whole()), passes * steps64 * 16},
-        {key("seq_load32", whole()), passes * strided * 4},
-        {key("record_store", whole()), passes * slots * sizeof(derived_rec)},
-        {key("record_store_check", whole()), passes * slots * 2 * sizeof(derived_rec)},
-        {key("column_load32_half_line", whole()), passes * column_words * 4 + SINK32},
-    };
-}
-
-traffic miss_traffic(uint32_t passes)
-{
-    double words = double(twice() / g.line_size) * (g.line_size / 4) * 4 * passes;   // one 32-bit sweep
-    double dwords = double(twice() / g.line_size) * (g.line_size / 8) * 8 * passes;  // one 64-bit sweep
-    double set_words = 0;
-    if (g.ways > 1)
-        set_words = double(twice() / (size_t{g.ways} * g.line_size)) * g.ways * 4 * passes;
-    return {
-        {key("column_store32", twice()), words},
-        {key("column_store64", twice()), dwords},
-        {key("column_load32", twice()), words + SINK32},
-        {key("column_load_store32", twice()), 2 * words},
-        {key("column_store_load32", twice()), 2 * words + SINK32},
-        {key("column_store_load64", twice()), 2 * dwords + SINK64},
-        {key("set_store32", twice()), set_words},
-        {key("set_load32", twice()), set_words},
-        {key("set_store_load32", twice()), 2 * set_words},
-        {key("set_load_store32", twice()), 2 * set_words},
-    };
-}
-
-// Entries of a marker-terminated table of the program's: one pass each.
-double table_entries(const uint32_t *table)
-{
-    double entries = 0;
-    for (const uint32_t *entry = table; *entry != PATT_END; entry++)
-        entries++;
-    return entries;
-}
-
-traffic crand_traffic(uint32_t)
-{
-    double blocks = double(g.cache_size / 8 / 8);
-    double steps = double(g.cache_size / 8);
-    const double passes_made = table_entries(gen_ram_patt);
-    return {
-        {key("block32_store", half()), passes_made * 2 * blocks * 16},
-        {key("swap_walk", whole()), passes_made * steps * 16},
-        {key("block32_copy", half()), passes_made * 2 * blocks * 20},
-    };
-}
-
-traffic interconnect_traffic(uint32_t passes)
-{
-    double sweep = 16.0 * passes * 2 * march_blocks_visited(64) * 64;
-    return {{key("block_store", half()), sweep}, {key("block_load", half()), sweep}};
-}
-
-const double PATTERN_LAYOUTS = 10;  // update_pattern's modes 1 to 10
-
-traffic march4_traffic(uint32_t)
-{
-    double v = march_blocks_visited(64);
-    const double marches = PATTERN_LAYOUTS * table_entries(cache_patt);
-    return {
-        {key("block_store", half()), marches * 14 * v * 64},
-        {key("block_load", half()), marches * (15 * v * 64 + v * 4)},
-    };
-}
-
-traffic march3_traffic(uint32_t passes)
-{
-    double v = march_blocks_visited(32), marches = 6.0 * passes;
-    return {
-        {key("block32_store", half()), marches * 10 * v * 16},
-        {key("block32_load", half()), marches * 16 * v * 4},
-    };
-}
-
-traffic march1_traffic(uint32_t passes)
-{
-    double element = double(twice() / g.line_size) * (g.line_size / 4) * 4;
-    return {
-        {key("column_store32", twice()), 3.0 * passes * element},
-        {key("column_load32", twice()), 3.0 * passes * element},
-    };
-}
-
-traffic march2_traffic(uint32_t passes)
-{
-    double element = double(g.cache_size / 4) * 4;
-    return {
-        {key("seq_store32", whole()), 3.0 * passes * element},
-        {key("seq_load32", whole()), 3.0 * passes * element},
-    };
-}
-
-// The random offset test draws its three offset lists from the process-wide
-// generator; seeding it before every call makes every call draw the same
-// lists, whose lengths are worked out here by making the same draws.
-const long OFFSET_SEED = 20240611;
-uint32_t offset_entries[3];
-
-void count_offset_entries()
-{
-    srand48(OFFSET_SEED);
-    (void)lrand48();  // the first phase's pattern
-    for (int phase = 0; phase < 3; phase++) {
-        if (phase == 1)
-            (void)lrand48();  // the second phase's pattern
-        uint32_t size = ((static_cast<uint32_t>(lrand48()) & 0x7FF) + 3) & ~3u;
-        offset_entries[phase] = size / 4;
-        for (uint32_t e = 0; e < offset_entries[phase]; e++)
-            (void)lrand48();
-    }
-}
-
-traffic rand_off_traffic(uint32_t passes)
-{
-    return {
-        {key("offset_store", whole()), 4.0 * passes * offset_entries[0]},
-        {key("offset_store_check", whole()), 8.0 * passes * offset_entries[1]},
-        {key("offset_load", whole()), 4.0 * passes * offset_entries[2]},
-    };
-}
-
-char *rand_off_buffer;
-
-// What the rows of one subtest measured, by pass count: processor seconds
-// per call, and the seconds its reference loops take for the same traffic
-// (negative when a reference did not run).
 struct subtest_time {
     double seconds;
     double reference_seconds;
@@ -682,19 +501,15 @@ long minor_faults()
 // the next lower pass count (for passes:1, the first pass without the
 // allocation, locking and draws around it); `faults`, the page faults a
 // call takes.
-void run_subtest(benchmark::State &state, const std::string &name, const std::function<int(uint32_t)> &call,
-                 const std::function<traffic(uint32_t)> &model, uint32_t passes, bool seeded)
+void run_subtest(benchmark::State &state, const row_def &r, const traffic &t)
 {
-    traffic t = model(passes);
     double bytes = 0;
     for (const component &c : t)
         bytes += c.bytes;
     long faults = minor_faults();
     double start = cpu_seconds();
     for (auto _ : state) {
-        if (seeded)
-            srand48(OFFSET_SEED);
-        if (call(passes) != 0) {
+        if (call_row(r) != 0) {
             state.SkipWithError("the subtest failed");
             return;
         }
@@ -704,10 +519,8 @@ void run_subtest(benchmark::State &state, const std::string &name, const std::fu
     if (bytes > 0)
         state.SetBytesProcessed(static_cast<int64_t>(bytes * double(state.iterations())));
 
-    double reference_seconds = 0;
+    double reference_seconds = t.empty() ? -1 : 0;
     for (const component &c : t) {
-        if (c.bytes == 0)
-            continue;
         double rate = reference_rate(c.key);
         if (rate == 0) {
             reference_seconds = -1;  // a reference that did not run: no ratio
@@ -715,36 +528,18 @@ void run_subtest(benchmark::State &state, const std::string &name, const std::fu
         }
         reference_seconds += c.bytes / rate;
     }
-    std::map<uint32_t, subtest_time> &rows = subtest_times[name];
-    rows[passes] = {per_call, reference_seconds};
-    if (reference_seconds <= 0 || passes == 0)
+    std::map<uint32_t, subtest_time> &times = subtest_times[r.name.substr(0, r.name.find("/passes:"))];
+    times[r.passes] = {per_call, reference_seconds};
+    if (reference_seconds <= 0 || r.passes == 0)
         return;
     state.counters["ratio"] = reference_seconds / per_call;
-    auto self = rows.find(passes);
-    if (self == rows.begin())
+    auto self = times.find(r.passes);
+    if (self == times.begin())
         return;
     const subtest_time &lower = std::prev(self)->second;
     if (lower.reference_seconds >= 0 && per_call > lower.seconds)
         state.counters["pass_ratio"] = (reference_seconds - lower.reference_seconds) / (per_call - lower.seconds);
 }
-
-// The traffic of a row, shape by shape, in the output's context
-// ("traffic:<row>" = "<shape>/<region>=<bytes>;..."): bench/report.py works
-// the ratios out from it and the rows' medians, which also holds when the
-// repetitions are interleaved.
-void describe_traffic(const std::string &row, const traffic &t)
-{
-    std::string text;
-    for (const component &c : t) {
-        if (c.bytes == 0)
-            continue;
-        char bytes[32];
-        std::snprintf(bytes, sizeof bytes, "%.0f", c.bytes);
-        text += (text.empty() ? "" : ";") + c.key + "=" + bytes;
-    }
-    benchmark::AddCustomContext("traffic:" + row, text);
-}
-
 void register_reference(const std::string &shape, size_t region, double (*loop)(const buffers &))
 {
     benchmark::RegisterBenchmark(("ref/" + key(shape, region)).c_str(),
@@ -752,102 +547,36 @@ void register_reference(const std::string &shape, size_t region, double (*loop)(
         ->Unit(benchmark::kMicrosecond);
 }
 
-// Every subtest and kernel row, for the census.
-struct row_def {
-    std::string name;
-    std::function<int(uint32_t)> call;
-    std::function<traffic(uint32_t)> model;
-    uint32_t passes;
-    bool seeded;
-};
-std::vector<row_def> rows;
-
-// Rows in ascending pass count, so that each can compare itself with the
-// one before.
-void register_subtest(const std::string &name, std::function<int(uint32_t)> call, traffic (*model)(uint32_t),
-                      std::vector<uint32_t> passes, bool seeded = false)
+// The rows' traffic from the census at this machine's geometry; none (and
+// so no ratios) when the census is not built or fails.
+std::map<std::string, traffic> census_traffic()
 {
-    for (uint32_t p : passes) {
-        std::string full = "subtest/" + name + (passes.size() > 1 ? "/passes:" + std::to_string(p) : "");
-        describe_traffic(full, model(p));
-        rows.push_back({full, call, model, p, seeded});
-        benchmark::RegisterBenchmark(full.c_str(),
-                                     [name, call, model, p, seeded](benchmark::State &s) {
-                                         run_subtest(s, name, call, model, p, seeded);
-                                     })
-            ->Unit(benchmark::kMicrosecond);
+    std::map<std::string, traffic> found;
+#ifdef TARNEL_CENSUS
+    std::string command = std::string(TARNEL_CENSUS) + " " + std::to_string(g.cache_size) + " " +
+                          std::to_string(g.line_size) + " " + std::to_string(g.ways);
+    FILE *census = popen(command.c_str(), "r");
+    char line[8192];
+    while (census != nullptr && std::fgets(line, sizeof line, census) != nullptr) {
+        std::string text(line);
+        size_t tab = text.find('\t');
+        if (tab == std::string::npos)
+            continue;
+        traffic &t = found[text.substr(0, tab)];
+        for (size_t at = tab + 1; at < text.size();) {
+            size_t end = text.find_first_of(";\n", at);
+            size_t equals = text.find('=', at);
+            if (equals < end)
+                t.push_back({text.substr(at, equals - at), std::atof(text.c_str() + equals + 1)});
+            at = end == std::string::npos ? text.size() : end + 1;
+        }
     }
-}
-
-// The kernels of the cache miss test one by one, on a buffer of twice the
-// cache that the row owns, so that the test's ratio can be read kernel by
-// kernel.
-char *miss_buffer;
-const uint32_t MISS_PATTERN = 0x5A5A5A5A;
-const double MISS_VALUE = 512.25;
-
-double column_sweep_bytes(uint32_t width) { return double(twice() / g.line_size) * (g.line_size / width) * width; }
-
-double set_sweep_bytes()
-{
-    return g.ways > 1 ? double(twice() / (size_t{g.ways} * g.line_size)) * g.ways * 4 : 0;
-}
-
-// A kernel row: its traffic per pass is `bytes` in the reference shape
-// `shape` over twice the cache, plus `sink` once.
-void register_kernel(const std::string &name, std::function<int(uint32_t)> call, const std::string &shape,
-                     double bytes, double sink = 0)
-{
-    std::function<traffic(uint32_t)> model = [shape, bytes, sink](uint32_t n) {
-        return traffic{{key(shape, twice()), n * bytes + sink}};
-    };
-    describe_traffic("kernel/" + name, model(1));
-    rows.push_back({"kernel/" + name, call, model, 1, false});
-    benchmark::RegisterBenchmark(("kernel/" + name).c_str(),
-                                 [name, call, model](benchmark::State &s) {
-                                     run_subtest(s, "kernel/" + name, call, model, 1, false);
-                                 })
-        ->Unit(benchmark::kMicrosecond);
-}
-
-void register_miss_kernels()
-{
-    uint32_t size = static_cast<uint32_t>(twice());
-    uint32_t line = g.line_size;
-    double words = column_sweep_bytes(4), dwords = column_sweep_bytes(8);
-    register_kernel(
-        "cache_writemiss",
-        [size, line](uint32_t n) { return cache_writemiss(miss_buffer, size, line, n, MISS_PATTERN); },
-        "column_store32", words);
-    register_kernel(
-        "cache_writemissfp",
-        [size, line](uint32_t n) { return cache_writemissfp(miss_buffer, size, line, n, MISS_VALUE); },
-        "column_store64", dwords);
-    register_kernel(
-        "cache_readmiss", [size, line](uint32_t n) { return cache_readmiss(miss_buffer, size, line, n); },
-        "column_load32", words, SINK32);
-    register_kernel(
-        "cache_readmiss_write",
-        [size, line](uint32_t n) { return cache_readmiss_write(miss_buffer, size, line, n, MISS_PATTERN); },
-        "column_load_store32", 2 * words);
-    register_kernel(
-        "cache_writemiss_read",
-        [size, line](uint32_t n) { return cache_writemiss_read(miss_buffer, size, line, n, MISS_PATTERN); },
-        "column_store_load32", 2 * words, SINK32);
-    register_kernel(
-        "cache_writemissfp_read",
-        [size, line](uint32_t n) { return cache_writemissfp_read(miss_buffer, size, line, n, MISS_VALUE); },
-        "column_store_load64", 2 * dwords, SINK64);
-    // The modes store, load, store then load, load then store.
-    const char *shapes[] = {"set_store32", "set_load32", "set_store_load32", "set_load_store32"};
-    for (int mode = 1; mode <= 4; mode++) {
-        register_kernel(
-            "cache_sets_trash/mode:" + std::to_string(mode),
-            [size, line, mode](uint32_t n) {
-                return cache_sets_trash(miss_buffer, size, line, g.ways, n, MISS_PATTERN, mode);
-            },
-            shapes[mode - 1], (mode <= 2 ? 1 : 2) * set_sweep_bytes());
-    }
+    if (census == nullptr || pclose(census) != 0)
+        found.clear();
+#endif
+    if (found.empty())
+        std::fprintf(stderr, "tarnel_bench: no traffic census, so no ratios (build tarnel_bench_census)\n");
+    return found;
 }
 
 void register_all()
@@ -880,97 +609,36 @@ void register_all()
     register_reference("offset_store_check", whole(), offset_store_check);
     register_reference("offset_load", whole(), offset_load);
 
-    // In the order the per-processor sequence runs them.
-    register_subtest(
-        "cache_wrrdvr_stress", [](uint32_t n) { return cache_wrrdvr_stress(nullptr, g.cache_size, g.ways, n); },
-        wrrdvr_traffic, {0, 1, 64});
-    register_subtest(
-        "cache_hit_stress", [](uint32_t n) { return cache_hit_stress(nullptr, g.cache_size, g.line_size, n); },
-        hit_traffic, {0, 1});
-    register_subtest(
-        "cache_miss_stress",
-        [](uint32_t n) { return cache_miss_stress(nullptr, g.cache_size, g.line_size, g.ways, n); }, miss_traffic,
-        {0, 1});
-    register_subtest("crand", [](uint32_t) { return crand(nullptr, g.cache_size); }, crand_traffic, {1});
-    register_subtest(
-        "cache_interconnect_stress", [](uint32_t n) { return cache_interconnect_stress(nullptr, g.cache_size, n); },
-        interconnect_traffic, {0, 1});
-    register_subtest(
-        "cache_march_stress4", [](uint32_t) { return cache_march_stress4(nullptr, g.cache_size); }, march4_traffic,
-        {1});
-    register_subtest(
-        "cache_march_stress3", [](uint32_t n) { return cache_march_stress3(nullptr, g.cache_size, n); },
-        march3_traffic, {0, 1});
-    register_subtest(
-        "cache_march_stress1",
-        [](uint32_t n) { return cache_march_stress1(nullptr, g.cache_size, g.line_size, n); }, march1_traffic,
-        {0, 1});
-    register_subtest(
-        "cache_march_stress2", [](uint32_t n) { return cache_march_stress2(nullptr, g.cache_size, n); },
-        march2_traffic, {0, 1});
-    // The sequence hands the random offset test its buffer; a thousand
-    // passes show the pass loops once the list draws are spread out. The
-    // write/read/verify test's 63 passes after the first show its loops once
-    // the first has faulted its fresh pages in.
-    register_subtest(
-        "cache_rand_off_stress",
-        [](uint32_t n) { return cache_rand_off_stress(rand_off_buffer, g.cache_size, n); }, rand_off_traffic,
-        {0, 1, 1000}, true);
-    register_miss_kernels();
+    // The traffic of each row, shape by shape, also goes into the output's
+    // context ("traffic:<row>" = "<shape>/<region>=<bytes>;..."): bench/report.py
+    // works the ratios out from it and the rows' medians, which also holds
+    // when the repetitions are interleaved.
+    std::map<std::string, traffic> traffic_of = census_traffic();
+    for (const row_def &r : rows) {
+        const traffic &t = traffic_of[r.name];
+        std::string text;
+        for (const component &c : t)
+            text += (text.empty() ? "" : ";") + c.key + "=" + std::to_string(static_cast<long long>(c.bytes));
+        if (!text.empty())
+            benchmark::AddCustomContext("traffic:" + r.name, text);
+        benchmark::RegisterBenchmark(r.name.c_str(), [&r, t](benchmark::State &s) { run_subtest(s, r, t); })
+            ->Unit(benchmark::kMicrosecond);
+    }
 }
 
 }  // namespace
 
-#ifdef L2_FAULT_MODEL
-// The census (tarnel_bench_census, the program in its fault-model build):
-// every row's call once, its accesses counted as the access helpers make
-// them, against the traffic its model gives. A kernel changed without its
-// model fails here instead of skewing the ratios.
-int census()
-{
-    int wrong = 0;
-    for (const row_def &r : rows) {
-        double counted = 0, modelled = 0;
-        fault::reset();
-        fault::on_access([&counted](const void *, unsigned width, bool) { counted += width; });
-        if (r.seeded)
-            srand48(OFFSET_SEED);
-        int status = r.call(r.passes);
-        fault::reset();
-        for (const component &c : r.model(r.passes))
-            modelled += c.bytes;
-        std::printf("%-52s %14.0f bytes counted, %14.0f modelled%s\n", r.name.c_str(), counted, modelled,
-                    counted == modelled && status == 0 ? "" : "  <- differs");
-        wrong += counted != modelled || status != 0;
-    }
-    return wrong == 0 ? 0 : 1;
-}
-#endif
-
 int main(int argc, char **argv)
 {
-    g = machine_geometry();
-#ifdef L2_FAULT_MODEL
-    g = {64 * 1024, 64, 8};  // every shape, at the speed of the simulated memory
-#endif
-    pagesize = static_cast<uint32_t>(sysconf(_SC_PAGESIZE));
-    rand_off_buffer = page_aligned(g.cache_size);
-    miss_buffer = page_aligned(twice());
+    prepare(machine_geometry());
     std::mt19937 draws(1);
     for (int e = 0; e < 512; e++)
         offset_list.push_back(static_cast<uint32_t>(draws() % (g.cache_size / 4)));
-    count_offset_entries();
 
     benchmark::AddCustomContext("l2_cache_size", std::to_string(g.cache_size));
     benchmark::AddCustomContext("l2_line_size", std::to_string(g.line_size));
     benchmark::AddCustomContext("l2_ways", std::to_string(g.ways));
-    benchmark::AddCustomContext("offset_list_entries", std::to_string(offset_entries[0]) + "," +
-                                                           std::to_string(offset_entries[1]) + "," +
-                                                           std::to_string(offset_entries[2]));
     register_all();
-#ifdef L2_FAULT_MODEL
-    return census();
-#endif
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;
