@@ -2,52 +2,9 @@
 // -o text to the test's option parser, shows every message as one whole line
 // (text or JSON) on standard output, follows each worker thread's subtests,
 // and ends the process with a verdict and an exit status that say what
-// happened, where, and on which machine.
-//
-// Exit statuses
-//   0        passed: test_end was reached (the program then returns 0)
-//   1        a fault was found: message 6000 (a miscompare), 8011 (a worker
-//            failed), or a SIGBUS (an uncorrectable memory error consumed by
-//            a thread), reported with the processor and the address
-//   2        usage error: an unknown option, a stray argument, -v with -q, or
-//            sub-options the test's parser did not all accept
-//   3        the run could not test: 4001, 8012, 8014 and any other message
-//            with a non-zero exit flag
-//   128 + N  interrupted by signal N (SIGINT 130, SIGTERM 143, SIGHUP 129)
-// -h and --version exit 0.
-//
-// The verdict closes every run (and, with --json, every usage error):
-//   Text:  SUMMARY lines (processors tested and left out, L2 geometry and its
-//          source, L2 sharing, each failure's processor and subtest, a
-//          warning when corrected hardware errors were counted during the
-//          run; with -q only failures and the warning), then
-//          2026-11-23T05:40:21Z VERDICT cpu0 PASS: tarneltest passed in 3.2 s
-//          with the word PASS, FAIL, COULD NOT TEST or INTERRUPTED.
-//   --json: the last line is the verdict record (verdict.h; the README and
-//          the man page give its keys).
-//
-// Output
-//   Text:  2026-11-23T05:40:18Z INFO cpu1 [l2cache] #3 Write/Read/Verify test started
-//          time (UTC), severity, processor of the calling thread, [tag] when
-//          there is one, #number (0 for a free text), text.
-//   --json: one object per line and nothing else on standard output.
-//          A message: time (string), level (number), severity (string),
-//          cpu (number, or null when unknown), tag (string or null),
-//          number (number), exit_flag (number), text (string).
-//   Severities: 1 FATAL, 2 FAULT, 3 ERROR, 6 USAGE, 7 INFO, 8 DEBUG, any
-//   other level LEVELn. Shown: levels up to 7 by default (-v), 1 to 3 with
-//   -q, level 8 and above only with -d; the usage (2005), messages that end
-//   the run and verdicts always. With -d the harness adds, tagged
-//   "dxttest", each tested processor's L2 with the source of every value,
-//   and a note when no corrected-error counter can be read.
-//   With -q on a terminal (and never with --json), a live progress line
-//   (the current subtest, on how many processors it started and finished)
-//   is redrawn in place and cleared before any other line.
-//   Command-line errors go to standard error, followed by the usage.
-//
-// Burn-in: with --duration or --runs, test_init hands the run over to
-// burnin.cpp, which starts the whole test again and again as processes of
-// its own and ends with the burn-in's summary, verdict and exit status.
+// happened, where, and on which machine. The README ("Output", "JSON
+// output", "Exit status") and tarneltest(1) give the forms and the statuses;
+// verdict.h assembles the verdict, burnin.cpp runs a burn-in.
 //
 // The option parser is called exactly once, with "" when no -o was given;
 // repeated -o texts are joined with commas.

@@ -66,6 +66,12 @@ void put_json_string(text_buffer &line, std::string_view text);      // quoted, 
 void put_elapsed(text_buffer &line, long long milliseconds);         // "3.2 s"
 void put_duration(text_buffer &line, long long milliseconds);        // "3.2 s", "12 min 05 s", "2 h 03 min"
 void put_seconds(text_buffer &line, long long milliseconds);         // "3.250", a JSON number
+// JSON: a comma, unless an object or array has just opened; a member, its
+// key after such a comma, then its value, or null when it is not known.
+void put_comma(text_buffer &line);
+void put_key(text_buffer &line, std::string_view key);
+void put_int_member(text_buffer &line, std::string_view key, long long value, bool known = true);
+void put_text_member(text_buffer &line, std::string_view key, std::string_view value, bool known = true);
 // Processor ids in ascending order as the kernel writes a list: "0-3,5".
 void put_cpu_list(text_buffer &line, std::span<const int> ids);
 

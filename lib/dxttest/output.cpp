@@ -23,7 +23,7 @@ void put_char(text_buffer &line, char c)
         line.data[line.length++] = c;
 }
 
-void put_padded(text_buffer &line, long long value, int digits)
+void put_padded(text_buffer &line, unsigned long long value, int digits)
 {
     char reversed[24];
     int n = 0;
@@ -76,13 +76,6 @@ size_t utf8_sequence(std::string_view s, size_t i)
     return length;
 }
 
-void put_cpu(text_buffer &line, int cpu, bool json)
-{
-    if (cpu >= 0)
-        put_int(line, cpu);
-    else
-        put(line, json ? "null" : "?");
-}
 
 }  // namespace
 
@@ -126,21 +119,10 @@ void put(text_buffer &line, std::string_view s)
 
 void put_int(text_buffer &line, long long value)
 {
-    if (value < 0) {
+    if (value < 0)
         put_char(line, '-');
-        // Negate in unsigned arithmetic so the most negative value survives.
-        unsigned long long magnitude = 0ULL - static_cast<unsigned long long>(value);
-        char reversed[24];
-        int n = 0;
-        do {
-            reversed[n++] = static_cast<char>('0' + magnitude % 10);
-            magnitude /= 10;
-        } while (magnitude > 0);
-        while (n > 0)
-            put_char(line, reversed[--n]);
-        return;
-    }
-    put_padded(line, value, 1);
+    // Negated in unsigned arithmetic, so that the most negative value survives.
+    put_padded(line, value < 0 ? 0ULL - static_cast<unsigned long long>(value) : value, 1);
 }
 
 void put_hex(text_buffer &line, unsigned long long value)
@@ -291,29 +273,55 @@ void put_severity(text_buffer &line, int level)
 
 }  // namespace
 
+void put_comma(text_buffer &line)
+{
+    if (line.length > 0 && line.data[line.length - 1] != '{' && line.data[line.length - 1] != '[')
+        put_char(line, ',');
+}
+
+void put_key(text_buffer &line, std::string_view key)
+{
+    put_comma(line);
+    put_char(line, '"');
+    put(line, key);
+    put(line, "\":");
+}
+
+void put_int_member(text_buffer &line, std::string_view key, long long value, bool known)
+{
+    put_key(line, key);
+    if (known)
+        put_int(line, value);
+    else
+        put(line, "null");
+}
+
+void put_text_member(text_buffer &line, std::string_view key, std::string_view value, bool known)
+{
+    put_key(line, key);
+    if (known)
+        put_json_string(line, value);
+    else
+        put(line, "null");
+}
+
 void put_message_line(text_buffer &line, const message_fields &m, bool json)
 {
     if (json) {
         put(line, "{\"time\":\"");
         put_utc_time(line, m.time);
-        put(line, "\",\"level\":");
-        put_int(line, m.level);
-        put(line, ",\"severity\":\"");
+        put_char(line, '"');
+        put_int_member(line, "level", m.level);
+        put_key(line, "severity");
+        put_char(line, '"');
         put_severity(line, m.level);
-        put(line, "\",\"cpu\":");
-        put_cpu(line, m.main_thread ? -1 : m.cpu, true);
-        put(line, m.main_thread ? ",\"thread\":\"main\"" : ",\"thread\":\"worker\"");
-        put(line, ",\"tag\":");
-        if (m.tag != nullptr)
-            put_json_string(line, m.tag);
-        else
-            put(line, "null");
-        put(line, ",\"number\":");
-        put_int(line, m.number);
-        put(line, ",\"exit_flag\":");
-        put_int(line, m.exit_flag);
-        put(line, ",\"text\":");
-        put_json_string(line, m.text);
+        put_char(line, '"');
+        put_int_member(line, "cpu", m.cpu, !m.main_thread && m.cpu >= 0);
+        put_text_member(line, "thread", m.main_thread ? "main" : "worker");
+        put_text_member(line, "tag", m.tag != nullptr ? m.tag : "", m.tag != nullptr);
+        put_int_member(line, "number", m.number);
+        put_int_member(line, "exit_flag", m.exit_flag);
+        put_text_member(line, "text", m.text);
         put(line, "}\n");
         return;
     }
@@ -330,7 +338,10 @@ void put_message_line(text_buffer &line, const message_fields &m, bool json)
         put(line, " main");
     } else {
         put(line, " cpu");
-        put_cpu(line, m.cpu, false);
+        if (m.cpu >= 0)
+            put_int(line, m.cpu);
+        else
+            put_char(line, '?');
     }
     if (m.tag != nullptr) {
         put(line, " [");

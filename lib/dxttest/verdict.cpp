@@ -37,22 +37,6 @@ bool one_source(const l2_geometry &g)
 // "unknown".
 bool names_several(const char *list) { return strpbrk(list, ",-") != nullptr; }
 
-void put_json_int_member(text_buffer &out, const char *key, long long value)
-{
-    put(out, ",\"");
-    put(out, key);
-    put(out, "\":");
-    put_int(out, value);
-}
-
-void put_json_text_member(text_buffer &out, const char *key, std::string_view value)
-{
-    put(out, ",\"");
-    put(out, key);
-    put(out, "\":");
-    put_json_string(out, value);
-}
-
 void put_subtest_names(text_buffer &out, const subtest_set &set, const char *separator)
 {
     for (int i = 0; i < set.count; i++) {
@@ -62,31 +46,23 @@ void put_subtest_names(text_buffer &out, const subtest_set &set, const char *sep
     }
 }
 
+const char *subtest_name(int index) { return subtests()[static_cast<size_t>(index)].name; }
+
 void put_failure_json(text_buffer &out, const failure_site &f)
 {
-    put(out, "{\"cpu\":");
-    if (f.cpu >= 0)
-        put_int(out, f.cpu);
-    else
-        put(out, "null");
-    put_json_int_member(out, "message", f.message);
-    put(out, ",\"worker_status\":");
-    if (f.status_known)
-        put_int(out, f.status);
-    else
-        put(out, "null");
-    put(out, ",\"subtest\":");
-    if (f.subtests.count == 1)
-        put_json_string(out, subtests()[static_cast<size_t>(f.subtests.index[0])].name);
-    else
-        put(out, "null");
+    put(out, "{");
+    put_int_member(out, "cpu", f.cpu, f.cpu >= 0);
+    put_int_member(out, "message", f.message);
+    put_int_member(out, "worker_status", f.status, f.status_known);
+    put_text_member(out, "subtest", f.subtests.count == 1 ? subtest_name(f.subtests.index[0]) : "",
+                    f.subtests.count == 1);
     put(out, ",\"possible_subtests\":[");
     for (int i = 0; i < f.subtests.count; i++) {
-        if (i > 0)
-            put(out, ",");
-        put_json_string(out, subtests()[static_cast<size_t>(f.subtests.index[i])].name);
+        put_comma(out);
+        put_json_string(out, subtest_name(f.subtests.index[i]));
     }
-    put(out, "],\"address\":");
+    put(out, "]");
+    put_key(out, "address");
     if (f.address_known) {
         put(out, "\"");
         put_hex(out, f.address);
@@ -113,17 +89,11 @@ void put_corrected_json(text_buffer &out, const corrected_check &c)
 {
     put(out, ",\"corrected_errors\":{\"checked\":");
     put(out, c.checked ? "true" : "false");
-    put(out, ",\"available\":");
-    put(out, c.available ? "true" : "false");
-    put(out, ",\"sources\":");
-    put_json_string(out, c.sources);
-    if (c.available) {
-        put_json_int_member(out, "before", static_cast<long long>(c.before));
-        put_json_int_member(out, "after", static_cast<long long>(c.after));
-        put_json_int_member(out, "increase", static_cast<long long>(c.increase));
-    } else {
-        put(out, ",\"before\":null,\"after\":null,\"increase\":null");
-    }
+    put(out, c.available ? ",\"available\":true" : ",\"available\":false");
+    put_text_member(out, "sources", c.sources);
+    put_int_member(out, "before", static_cast<long long>(c.before), c.available);
+    put_int_member(out, "after", static_cast<long long>(c.after), c.available);
+    put_int_member(out, "increase", static_cast<long long>(c.increase), c.available);
     put(out, "}");
 }
 
@@ -132,14 +102,11 @@ void put_record_head(text_buffer &out, long long time, std::string_view host, in
 {
     put(out, "{\"time\":\"");
     put_utc_time(out, time);
-    put(out, "\",\"host\":");
-    if (host.empty())
-        put(out, "null");
-    else
-        put_json_string(out, host);
-    put_json_int_member(out, "schema_version", verdict_schema_version);
-    put_json_text_member(out, "verdict", verdict_name(exit_status));
-    put_json_int_member(out, "exit_status", exit_status);
+    put(out, "\"");
+    put_text_member(out, "host", host, !host.empty());
+    put_int_member(out, "schema_version", verdict_schema_version);
+    put_text_member(out, "verdict", verdict_name(exit_status));
+    put_int_member(out, "exit_status", exit_status);
 }
 
 void start_summary_line(text_buffer &out, long long time)
@@ -156,6 +123,23 @@ void each_left_out(const verdict_record &r, F visit)
         visit(p);
     for (const left_out_processor &p : r.lost)
         visit(p);
+}
+
+// The geometries by ascending processor, whatever order the workers
+// announced them in.
+template <typename F>
+void each_by_cpu(std::span<const l2_geometry> l2, F visit)
+{
+    for (int last = -1;;) {
+        const l2_geometry *next = nullptr;
+        for (const l2_geometry &g : l2)
+            if (g.cpu > last && (next == nullptr || g.cpu < next->cpu))
+                next = &g;
+        if (next == nullptr)
+            return;
+        visit(*next);
+        last = next->cpu;
+    }
 }
 
 constexpr const char *left_out_reasons[] = {"offline", "not-allowed", "thread-not-created", "not-bound"};
@@ -213,19 +197,19 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
     put(out, "\n");
 
     // One line per distinct geometry, naming its processors.
-    for (size_t i = 0; i < r.l2.size(); i++) {
+    each_by_cpu(r.l2, [&](const l2_geometry &g) {
         bool seen = false;
-        for (size_t j = 0; j < i && !seen; j++)
-            seen = same_geometry(r.l2[j], r.l2[i]);
+        for (const l2_geometry &h : r.l2)
+            seen = seen || (h.cpu < g.cpu && same_geometry(h, g));
         if (seen)
-            continue;
-        const l2_geometry &g = r.l2[i];
+            return;
         start_summary_line(out, r.time);
         put(out, "L2 of cpu ");
         cpu_list_writer ids = list_into(out);
-        for (size_t k = i; k < r.l2.size(); k++)
-            if (same_geometry(r.l2[k], g))
-                ids.add(r.l2[k].cpu);
+        each_by_cpu(r.l2, [&](const l2_geometry &h) {
+            if (same_geometry(h, g))
+                ids.add(h.cpu);
+        });
         ids.finish();
         put(out, ": ");
         put_int(out, g.size);
@@ -245,26 +229,24 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
             put(out, g.ways_source);
         }
         put(out, "\n");
-    }
+    });
 
     if (r.l2.empty())
         return;
     start_summary_line(out, r.time);
     bool shared = false;
     bool unknown = false;
-    for (size_t i = 0; i < r.l2.size(); i++) {
-        unknown = unknown || same_text(r.l2[i].shared_cpus, "unknown");
-        if (!names_several(r.l2[i].shared_cpus))
-            continue;
+    each_by_cpu(r.l2, [&](const l2_geometry &g) {
+        unknown = unknown || same_text(g.shared_cpus, "unknown");
         bool seen = false;
-        for (size_t j = 0; j < i && !seen; j++)
-            seen = same_text(r.l2[j].shared_cpus, r.l2[i].shared_cpus);
-        if (seen)
-            continue;
+        for (const l2_geometry &h : r.l2)
+            seen = seen || (h.cpu < g.cpu && same_text(h.shared_cpus, g.shared_cpus));
+        if (seen || !names_several(g.shared_cpus))
+            return;
         put(out, shared ? "; " : "L2 shared by cpus ");
-        put(out, r.l2[i].shared_cpus);
+        put(out, g.shared_cpus);
         shared = true;
-    }
+    });
     if (!shared)
         put(out, unknown ? "L2 sharing unknown" : "each tested processor has an L2 of its own");
     else if (unknown)
@@ -423,75 +405,59 @@ size_t verdict_room(const verdict_record &r)
 void put_verdict_record(text_buffer &out, const verdict_record &r)
 {
     put_record_head(out, r.time, r.host, r.exit_status);
-    put(out, ",\"elapsed_seconds\":");
+    put_key(out, "elapsed_seconds");
     put_seconds(out, r.elapsed_ms);
-    put_json_text_member(out, "text", r.text);
-    put(out, ",\"cpu\":");
-    if (r.cpu >= 0)
-        put_int(out, r.cpu);
-    else
-        put(out, "null");
-    put(out, r.cpu >= 0 ? ",\"thread\":\"worker\"" : ",\"thread\":\"main\"");
-    put_json_text_member(out, "options", r.options);
-    put_json_text_member(out, "version", r.version);
+    put_text_member(out, "text", r.text);
+    put_int_member(out, "cpu", r.cpu, r.cpu >= 0);
+    put_text_member(out, "thread", r.cpu >= 0 ? "worker" : "main");
+    put_text_member(out, "options", r.options);
+    put_text_member(out, "version", r.version);
 
     put(out, ",\"tested_cpus\":[");
-    bool any = false;
-    if (r.machine != nullptr)
-        for (int cpu : r.machine->tested) {
-            if (was_lost(r.lost, cpu))
-                continue;
-            put(out, any ? "," : "");
+    for (int cpu : r.machine != nullptr ? std::span<const int>(r.machine->tested) : std::span<const int>())
+        if (!was_lost(r.lost, cpu)) {
+            put_comma(out);
             put_int(out, cpu);
-            any = true;
         }
     put(out, "],\"left_out_cpus\":[");
-    any = false;
     if (r.machine != nullptr)
         each_left_out(r, [&](const left_out_processor &p) {
-            put(out, any ? ",{\"cpu\":" : "{\"cpu\":");
-            put_int(out, p.cpu);
-            put_json_text_member(out, "reason", p.reason);
+            put_comma(out);
+            put(out, "{");
+            put_int_member(out, "cpu", p.cpu);
+            put_text_member(out, "reason", p.reason);
             if (p.entry >= 0)
-                put_json_int_member(out, "entry", p.entry);
+                put_int_member(out, "entry", p.entry);
             put(out, "}");
-            any = true;
         });
     put(out, "],\"failed_cpus\":[");
-    any = false;
-    for (size_t i = 0; i < r.failures.size(); i++) {
-        if (!names_new_cpu(r.failures, i))
-            continue;
-        put(out, any ? "," : "");
-        put_int(out, r.failures[i].cpu);
-        any = true;
-    }
+    for (size_t i = 0; i < r.failures.size(); i++)
+        if (names_new_cpu(r.failures, i)) {
+            put_comma(out);
+            put_int(out, r.failures[i].cpu);
+        }
     put(out, "],\"l2\":[");
-    for (size_t i = 0; i < r.l2.size(); i++) {
-        const l2_geometry &g = r.l2[i];
-        put(out, i > 0 ? ",{\"cpu\":" : "{\"cpu\":");
-        put_int(out, g.cpu);
-        put_json_int_member(out, "size", g.size);
-        put_json_int_member(out, "line", g.line);
-        put_json_int_member(out, "ways", g.ways);
-        put_json_text_member(out, "source", g.size_source);
-        put(out, ",\"sources\":{\"size\":");
-        put_json_string(out, g.size_source);
-        put(out, ",\"line\":");
-        put_json_string(out, g.line_source);
-        put(out, ",\"ways\":");
-        put_json_string(out, g.ways_source);
+    each_by_cpu(r.l2, [&](const l2_geometry &g) {
+        put_comma(out);
+        put(out, "{");
+        put_int_member(out, "cpu", g.cpu);
+        put_int_member(out, "size", g.size);
+        put_int_member(out, "line", g.line);
+        put_int_member(out, "ways", g.ways);
+        put_text_member(out, "source", g.size_source);
+        put(out, ",\"sources\":{");
+        put_text_member(out, "size", g.size_source);
+        put_text_member(out, "line", g.line_source);
+        put_text_member(out, "ways", g.ways_source);
         put(out, "}");
-        put_json_text_member(out, "shared_cpus", g.shared_cpus);
+        put_text_member(out, "shared_cpus", g.shared_cpus);
         put(out, "}");
-    }
+    });
     put(out, "],\"failures\":[");
-    for (size_t i = 0; i < r.failures.size(); i++) {
-        if (i > 0)
-            put(out, ",");
-        put_failure_json(out, r.failures[i]);
+    for (const failure_site &f : r.failures) {
+        put_comma(out);
+        put_failure_json(out, f);
     }
-
     put(out, "]");
     put_corrected_json(out, r.corrected);
     put(out, ",\"warnings\":[");
@@ -574,28 +540,21 @@ size_t burn_in_room(const burn_in_record &r)
 void put_burn_in_record(text_buffer &out, const burn_in_record &r)
 {
     put_record_head(out, r.time, r.host, r.exit_status);
-    put_json_text_member(out, "text", r.text);
-    put_json_int_member(out, "runs", r.runs);
-    put_json_int_member(out, "runs_passed", r.runs_passed);
-    put_json_int_member(out, "runs_failed", r.runs_failed);
+    put_text_member(out, "text", r.text);
+    put_int_member(out, "runs", r.runs);
+    put_int_member(out, "runs_passed", r.runs_passed);
+    put_int_member(out, "runs_failed", r.runs_failed);
     put(out, ",\"failed_runs\":[");
-    for (size_t i = 0; i < r.failed_runs.size(); i++) {
-        const failed_run &f = r.failed_runs[i];
-        put(out, i > 0 ? ",{\"run\":" : "{\"run\":");
-        put_int(out, f.run);
-        put(out, ",\"cpu\":");
-        if (f.cpu >= 0)
-            put_int(out, f.cpu);
-        else
-            put(out, "null");
-        put(out, ",\"subtest\":");
-        if (f.subtest.empty())
-            put(out, "null");
-        else
-            put_json_string(out, f.subtest);
+    for (const failed_run &f : r.failed_runs) {
+        put_comma(out);
+        put(out, "{");
+        put_int_member(out, "run", f.run);
+        put_int_member(out, "cpu", f.cpu, f.cpu >= 0);
+        put_text_member(out, "subtest", f.subtest, !f.subtest.empty());
         put(out, "}");
     }
-    put(out, "],\"elapsed_seconds\":");
+    put(out, "]");
+    put_key(out, "elapsed_seconds");
     put_seconds(out, r.elapsed_ms);
     put_corrected_json(out, r.corrected);
     put(out, "}\n");
