@@ -39,6 +39,7 @@
 #include <functional>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <random>
 #include <string>
 #include <utility>
@@ -501,10 +502,10 @@ long minor_faults()
 // the next lower pass count (for passes:1, the first pass without the
 // allocation, locking and draws around it); `faults`, the page faults a
 // call takes.
-void run_subtest(benchmark::State &state, const row_def &r, const traffic &t)
+void run_subtest(benchmark::State &state, const row_def &r, const std::optional<traffic> &t)
 {
     double bytes = 0;
-    for (const component &c : t)
+    for (const component &c : t.value_or(traffic{}))
         bytes += c.bytes;
     long faults = minor_faults();
     double start = cpu_seconds();
@@ -519,8 +520,8 @@ void run_subtest(benchmark::State &state, const row_def &r, const traffic &t)
     if (bytes > 0)
         state.SetBytesProcessed(static_cast<int64_t>(bytes * double(state.iterations())));
 
-    double reference_seconds = t.empty() ? -1 : 0;
-    for (const component &c : t) {
+    double reference_seconds = t ? 0 : -1;  // no census: no ratio
+    for (const component &c : t.value_or(traffic{})) {
         double rate = reference_rate(c.key);
         if (rate == 0) {
             reference_seconds = -1;  // a reference that did not run: no ratio
@@ -615,12 +616,15 @@ void register_all()
     // when the repetitions are interleaved.
     std::map<std::string, traffic> traffic_of = census_traffic();
     for (const row_def &r : rows) {
-        const traffic &t = traffic_of[r.name];
-        std::string text;
-        for (const component &c : t)
-            text += (text.empty() ? "" : ";") + c.key + "=" + std::to_string(static_cast<long long>(c.bytes));
-        if (!text.empty())
+        auto counted = traffic_of.find(r.name);
+        std::optional<traffic> t;
+        if (counted != traffic_of.end()) {
+            t = counted->second;
+            std::string text;
+            for (const component &c : *t)
+                text += (text.empty() ? "" : ";") + c.key + "=" + std::to_string(static_cast<long long>(c.bytes));
             benchmark::AddCustomContext("traffic:" + r.name, text);
+        }
         benchmark::RegisterBenchmark(r.name.c_str(), [&r, t](benchmark::State &s) { run_subtest(s, r, t); })
             ->Unit(benchmark::kMicrosecond);
     }
