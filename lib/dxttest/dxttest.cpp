@@ -642,7 +642,8 @@ dxt::text_buffer signal_buffer(dxt::line_buffer &fallback)
     return {fallback.data, fallback.capacity, 0};
 }
 
-// Only where the interrupt thread could not be started.
+// Where the interrupt thread could not be started, and for a SIGBUS that
+// another process sent.
 void on_interrupt(int sig, siginfo_t *, void *)
 {
     if (ending.exchange(true))
@@ -659,9 +660,14 @@ void on_interrupt(int sig, siginfo_t *, void *)
 }
 
 // Linux delivers an uncorrectable memory error that a thread consumed as
-// SIGBUS to that thread: the processor it ran on and si_addr locate it.
-void on_bus_error(int, siginfo_t *info, void *)
+// SIGBUS to that thread: the processor it ran on and si_addr locate it. A
+// SIGBUS another process sent (kill) is no memory error: it interrupts.
+void on_bus_error(int sig, siginfo_t *info, void *context)
 {
+    if (info->si_code <= 0) {
+        on_interrupt(sig, info, context);
+        return;
+    }
     if (ending.exchange(true))
         hang();  // returning would only fault again
     int cpu = sched_getcpu();
@@ -752,6 +758,8 @@ const char *signal_name(int sig)
         return "SIGTERM";
     case SIGHUP:
         return "SIGHUP";
+    case SIGBUS:
+        return "SIGBUS";
     default:
         return "a signal";
     }

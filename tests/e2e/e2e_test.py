@@ -184,13 +184,16 @@ class EndToEnd(unittest.TestCase):
         _, _, err = run(["-f", "-e", "trace=open,openat"] + args, binary="strace")
         self.assertEqual(err.count('cpu/possible"'), 1)
 
-    def test_sigterm_ends_the_run_with_143_and_an_interrupted_record(self):
-        status, out, _ = run(["--json", "-o", "count=1,test_mask=0"], signal_after='"number":1,')
-        self.assertEqual(status, 143)
-        self.assertNotIn('"number":4,', out, "the run went on")
-        v = record(out)
-        self.assertEqual((v["verdict"], v["exit_status"], v["text"]),
-                         ("interrupted", 143, "interrupted by SIGTERM (exit status 143)"))
+    def test_a_signal_from_another_process_ends_the_run_as_interrupted(self):
+        """SIGTERM, and a SIGBUS sent with kill, which is no memory error."""
+        for sig, status in ((signal.SIGTERM, 143), (signal.SIGBUS, 135)):
+            with self.subTest(sig.name):
+                got, out, _ = run(["--json", "-o", "count=1,test_mask=0"], signal_after='"number":1,', sig=sig)
+                self.assertEqual(got, status)
+                self.assertNotIn('"number":4,', out, "the run went on")
+                v = record(out)
+                self.assertEqual((v["verdict"], v["exit_status"], v["text"], v["failures"]),
+                                 ("interrupted", status, f"interrupted by {sig.name} (exit status {status})", []))
 
     def test_a_burn_in_runs_until_its_limit(self):
         status, out, _ = run(["--runs", "3", "-q", "-o", "count=1,test_mask=8"])
