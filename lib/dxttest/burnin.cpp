@@ -63,12 +63,9 @@ struct progress_line {
         if (!on)
             return;
         line_buffer text;
-        put(text, "\r\033[Kburn-in: run ");
-        put_int(text, run);
-        if (runs > 0) {
-            put(text, " of ");
-            put_int(text, runs);
-        }
+        put(text, "\r\033[Kburn-in: run ", run);
+        if (runs > 0)
+            put(text, " of ", runs);
         if (deadline_ms > 0) {
             put(text, ", ");
             put_duration(text, std::max(0LL, deadline_ms - monotonic_ms()));
@@ -220,11 +217,7 @@ void burn_in(const burn_in_request &request)
         if (!request.display.json) {
             line_buffer line;
             put_utc_time(line, time(nullptr));
-            put(line, " RUN ");
-            put_int(line, progress.run);
-            put(line, " ");
-            put(line, verdict_word(last));
-            put(line, " in ");
+            put(line, " RUN ", progress.run, " ", verdict_word(last), " in ");
             put_elapsed(line, monotonic_ms() - run_start);
             put(line, "\n");
             progress.clear();
@@ -243,37 +236,22 @@ void burn_in(const burn_in_request &request)
     long long runs = progress.run, elapsed = monotonic_ms() - start;
     line_buffer text;
     if (status == exit_fault_found) {
-        put(text, "a fault was found in ");
-        put_int(text, found);
-        put(text, found == 1 ? " run" : " runs");
+        put(text, "a fault was found in ", found, found == 1 ? " run" : " runs");
         for (size_t i = 0; i < failed.size() && i < 8; i++) {
-            put(text, i == 0 ? " (run " : ", run ");
-            put_int(text, failed[i].run);
-            if (failed[i].cpu >= 0) {
-                put(text, " on cpu");
-                put_int(text, failed[i].cpu);
-            }
+            put(text, i == 0 ? " (run " : ", run ", failed[i].run);
+            if (failed[i].cpu >= 0)
+                put(text, " on cpu", failed[i].cpu);
         }
         put(text, failed.size() > 8 ? ", ...); " : "); ");
     } else if (status >= exit_signal_base) {
-        put(text, "interrupted by ");
-        put(text, signal_name(stop_signal));
-        put(text, "; ");
+        put(text, "interrupted by ", signal_name(stop_signal), "; ");
     } else if (status == exit_could_not_test) {
-        put(text, "run ");
-        put_int(text, runs);
-        put(text, " could not test (its exit status ");
-        put_int(text, last);
-        put(text, "); ");
+        put(text, "run ", runs, " could not test (its exit status ", last, "); ");
     }
-    put_int(text, passed);
-    put(text, passed == 1 ? " run passed in " : " runs passed in ");
+    put(text, passed, passed == 1 ? " run passed in " : " runs passed in ");
     put_duration(text, elapsed);
-    if (status != exit_passed) {
-        put(text, " (exit status ");
-        put_int(text, status);
-        put(text, ")");
-    }
+    if (status != exit_passed)
+        put(text, " (exit status ", status, ")");
 
     burn_in_record record{time(nullptr), status, elapsed, std::string_view(text.data, text.length), runs, passed,
                           found, failed, compare_corrected_errors(before_ok, before, after_ok, after),

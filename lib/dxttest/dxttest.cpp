@@ -140,9 +140,7 @@ void note_lost_output(int error)
         return;
     const char *why = strerrordesc_np(error);
     dxt::line_buffer text;
-    dxt::put(text, name_of_test());
-    dxt::put(text, ": cannot write standard output (");
-    dxt::put(text, why != nullptr ? why : "unknown error");
+    dxt::put(text, name_of_test(), ": cannot write standard output (", why != nullptr ? why : "unknown error");
     dxt::put(text, "): the run's output is lost, so it cannot pass (exit status 3 unless a fault is found)\n");
     write_all(STDERR_FILENO, text.data, text.length);
 }
@@ -201,12 +199,9 @@ void put_status_reason(dxt::text_buffer &text, std::string_view reason, int stat
     for (size_t i = 0, named = 0; i < failures.size(); i++) {
         if (!dxt::names_new_cpu(failures, i))
             continue;
-        dxt::put(text, named++ == 0 ? " on cpu" : ", cpu");
-        dxt::put_int(text, failures[i].cpu);
+        dxt::put(text, named++ == 0 ? " on cpu" : ", cpu", failures[i].cpu);
     }
-    dxt::put(text, " (exit status ");
-    dxt::put_int(text, status);
-    dxt::put(text, ")");
+    dxt::put(text, " (exit status ", status, ")");
 }
 
 // output_lock is held (or, in a signal handler, the run is ending).
@@ -519,10 +514,7 @@ void show_version()
         dxt::put_json_string(line, dxt_test_version);
         dxt::put(line, "}\n");
     } else {
-        dxt::put(line, name_of_test());
-        dxt::put(line, " version ");
-        dxt::put(line, dxt_test_version);
-        dxt::put(line, "\n");
+        dxt::put(line, name_of_test(), " version ", dxt_test_version, "\n");
     }
     write_text(STDOUT_FILENO, line);
 }
@@ -575,8 +567,7 @@ sigset_t interrupt_signals()
 
 void put_interrupt_reason(dxt::text_buffer &reason, int sig)
 {
-    dxt::put(reason, "interrupted by ");
-    dxt::put(reason, dxt::signal_name(sig));
+    dxt::put(reason, "interrupted by ", dxt::signal_name(sig));
     put_status_reason(reason, "", dxt::exit_signal_base + sig);
 }
 
@@ -676,9 +667,7 @@ void on_bus_error(int sig, siginfo_t *info, void *context)
     dxt::put(text, info->si_code == BUS_MCEERR_AR || info->si_code == BUS_MCEERR_AO
                        ? "uncorrectable memory error"
                        : "bus error");
-    dxt::put(text, " (SIGBUS) on cpu");
-    dxt::put_int(text, cpu);
-    dxt::put(text, " at address ");
+    dxt::put(text, " (SIGBUS) on cpu", cpu, " at address ");
     dxt::put_hex(text, reinterpret_cast<uintptr_t>(info->si_addr));
     long long time = now_seconds();
 
@@ -882,11 +871,7 @@ int test_end(void)
     if (lost_now > 0) {
         dxt::put(reason, "not every processor was tested: left out ");
         for (int i = 0; i < lost_now; i++) {
-            dxt::put(reason, i > 0 ? ", cpu" : "cpu");
-            dxt::put_int(reason, lost[i].cpu);
-            dxt::put(reason, " (");
-            dxt::put(reason, lost[i].reason);
-            dxt::put(reason, ")");
+            dxt::put(reason, i > 0 ? ", cpu" : "cpu", lost[i].cpu, " (", lost[i].reason, ")");
         }
         std::vector<int> passed_cpus;
         for (int cpu : machine->tested)
@@ -897,13 +882,10 @@ int test_end(void)
                                                    : "; tested and passed: cpus ");
         dxt::put_cpu_list(reason, passed_cpus);
     } else if ((test_mask & dxt::subtest_bits()) == 0) {
-        dxt::put(reason, "test_mask ");
-        dxt::put_int(reason, test_mask);
-        dxt::put(reason, " selects no subtest: nothing was tested");
+        dxt::put(reason, "test_mask ", test_mask, " selects no subtest: nothing was tested");
     } else {
         status = dxt::exit_passed;
-        dxt::put(reason, name_of_test());
-        dxt::put(reason, " passed in ");
+        dxt::put(reason, name_of_test(), " passed in ");
         dxt::put_elapsed(reason, elapsed);
     }
     if (status != dxt::exit_passed)

@@ -8,6 +8,7 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <concepts>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -60,6 +61,21 @@ struct line_buffer : text_buffer {
 // Async-signal-safe: no allocation, no locale, no stdio.
 void put(text_buffer &line, std::string_view s);
 void put_int(text_buffer &line, long long value);
+// Texts and whole numbers in a row: put(line, "cpu", 3, ": ") is "cpu3: ".
+template <typename T>
+concept whole_number = std::integral<T> && !std::same_as<T, char> && !std::same_as<T, bool>;
+inline void put_piece(text_buffer &line, std::string_view s) { put(line, s); }
+template <whole_number T>
+void put_piece(text_buffer &line, T value)
+{
+    put_int(line, static_cast<long long>(value));
+}
+template <typename... Pieces>
+    requires(sizeof...(Pieces) > 1)
+void put(text_buffer &line, const Pieces &...pieces)
+{
+    (put_piece(line, pieces), ...);
+}
 void put_hex(text_buffer &line, unsigned long long value);  // 0x..., lower case
 void put_utc_time(text_buffer &line, long long seconds_since_epoch);  // 2026-11-23T05:40:18Z
 void put_json_string(text_buffer &line, std::string_view text);      // quoted, escaped

@@ -219,8 +219,7 @@ void put_elapsed(text_buffer &line, long long milliseconds)
     long long tenths = (milliseconds + 50) / 100;
     put_int(line, tenths / 10);
     put_char(line, '.');
-    put_int(line, tenths % 10);
-    put(line, " s");
+    put(line, tenths % 10, " s");
 }
 
 void put_duration(text_buffer &line, long long milliseconds)
@@ -229,13 +228,11 @@ void put_duration(text_buffer &line, long long milliseconds)
     if (seconds < 60) {
         put_elapsed(line, milliseconds);
     } else if (seconds < 3600) {
-        put_int(line, seconds / 60);
-        put(line, " min ");
+        put(line, seconds / 60, " min ");
         put_padded(line, seconds % 60, 2);
         put(line, " s");
     } else {
-        put_int(line, seconds / 3600);
-        put(line, " h ");
+        put(line, seconds / 3600, " h ");
         put_padded(line, seconds / 60 % 60, 2);
         put(line, " min");
     }
@@ -267,8 +264,7 @@ void put_severity(text_buffer &line, int level)
         put(line, word);
         return;
     }
-    put(line, "LEVEL");
-    put_int(line, level);
+    put(line, "LEVEL", level);
 }
 
 }  // namespace
@@ -283,8 +279,7 @@ void put_key(text_buffer &line, std::string_view key)
 {
     put_comma(line);
     put_char(line, '"');
-    put(line, key);
-    put(line, "\":");
+    put(line, key, "\":");
 }
 
 void put_int_member(text_buffer &line, std::string_view key, long long value, bool known)
@@ -344,19 +339,16 @@ void put_message_line(text_buffer &line, const message_fields &m, bool json)
             put_char(line, '?');
     }
     if (m.tag != nullptr) {
-        put(line, " [");
-        put(line, m.tag);
+        put(line, " [", m.tag);
         put_char(line, ']');
     }
-    put(line, " #");
-    put_int(line, m.number);
+    put(line, " #", m.number);
     put_char(line, ' ');
     if (text_room_left(line, m.text.size())) {
         put(line, m.text);
     } else {
         size_t room = line.capacity - line.length - cut_mark.size() - closing_room;
-        put(line, m.text.substr(0, room));
-        put(line, cut_mark);
+        put(line, m.text.substr(0, room), cut_mark);
     }
     put_char(line, '\n');
 }
@@ -364,10 +356,7 @@ void put_message_line(text_buffer &line, const message_fields &m, bool json)
 void put_verdict_line(text_buffer &line, const verdict_fields &v)
 {
     put_utc_time(line, v.time);
-    put(line, " VERDICT ");
-    put(line, v.verdict);
-    put(line, ": ");
-    put(line, v.text.substr(0, text_capacity));
+    put(line, " VERDICT ", v.verdict, ": ", v.text.substr(0, text_capacity));
     put_char(line, '\n');
 }
 

@@ -77,8 +77,7 @@ void put_corrected_warning(text_buffer &out, const corrected_check &c)
 {
     put_int(out, static_cast<long long>(c.increase));
     put(out, c.increase == 1 ? " corrected hardware error" : " corrected hardware errors");
-    put(out, " counted during the run (");
-    put(out, c.sources);
+    put(out, " counted during the run (", c.sources);
     put(out, "); they do not fail the run, but the hardware is correcting errors");
 }
 
@@ -87,8 +86,7 @@ bool warns(const corrected_check &c) { return c.available && c.increase > 0; }
 // ,"corrected_errors":{...}
 void put_corrected_json(text_buffer &out, const corrected_check &c)
 {
-    put(out, ",\"corrected_errors\":{\"checked\":");
-    put(out, c.checked ? "true" : "false");
+    put(out, ",\"corrected_errors\":{\"checked\":", c.checked ? "true" : "false");
     put(out, c.available ? ",\"available\":true" : ",\"available\":false");
     put_text_member(out, "sources", c.sources);
     put_int_member(out, "before", static_cast<long long>(c.before), c.available);
@@ -158,14 +156,9 @@ const char *reason_text(const char *reason)
 void put_processor_lines(text_buffer &out, const verdict_record &r)
 {
     start_summary_line(out, r.time);
-    if (!r.version.empty()) {
-        put(out, "version ");
-        put(out, r.version);
-        put(out, ", ");
-    }
-    put(out, "sub-options \"");
-    put(out, r.options);
-    put(out, "\"\n");
+    if (!r.version.empty())
+        put(out, "version ", r.version, ", ");
+    put(out, "sub-options \"", r.options, "\"\n");
 
     start_summary_line(out, r.time);
     put(out, "processors tested: ");
@@ -211,23 +204,11 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
                 ids.add(h.cpu);
         });
         ids.finish();
-        put(out, ": ");
-        put_int(out, g.size);
-        put(out, " bytes, ");
-        put_int(out, g.line);
-        put(out, "-byte lines, ");
-        put_int(out, g.ways);
-        put(out, " ways, from ");
-        if (one_source(g)) {
+        put(out, ": ", g.size, " bytes, ", g.line, "-byte lines, ", g.ways, " ways, from ");
+        if (one_source(g))
             put(out, g.size_source);
-        } else {
-            put(out, "size: ");
-            put(out, g.size_source);
-            put(out, ", line: ");
-            put(out, g.line_source);
-            put(out, ", ways: ");
-            put(out, g.ways_source);
-        }
+        else
+            put(out, "size: ", g.size_source, ", line: ", g.line_source, ", ways: ", g.ways_source);
         put(out, "\n");
     });
 
@@ -243,8 +224,7 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
             seen = seen || (h.cpu < g.cpu && same_text(h.shared_cpus, g.shared_cpus));
         if (seen || !names_several(g.shared_cpus))
             return;
-        put(out, shared ? "; " : "L2 shared by cpus ");
-        put(out, g.shared_cpus);
+        put(out, shared ? "; " : "L2 shared by cpus ", g.shared_cpus);
         shared = true;
     });
     if (!shared)
@@ -258,28 +238,22 @@ void put_failure_line(text_buffer &out, long long time, const failure_site &f)
 {
     start_summary_line(out, time);
     put(out, "failure on ");
-    if (f.cpu >= 0) {
-        put(out, "cpu");
-        put_int(out, f.cpu);
-    } else {
+    if (f.cpu >= 0)
+        put(out, "cpu", f.cpu);
+    else
         put(out, "an unknown processor");
-    }
     put(out, ": ");
     if (f.subtests.count == 0)
         put(out, "subtest unknown");
     else
         put_subtest_names(out, f.subtests, " or ");
     put(out, " (");
-    if (f.message != 0) {
-        put(out, "message ");
-        put_int(out, f.message);
-    } else {
+    if (f.message != 0)
+        put(out, "message ", f.message);
+    else
         put(out, "signal");
-    }
-    if (f.status_known) {
-        put(out, ", worker exit status ");
-        put_int(out, f.status);
-    }
+    if (f.status_known)
+        put(out, ", worker exit status ", f.status);
     if (f.address_known) {
         put(out, ", address ");
         put_hex(out, f.address);
@@ -486,47 +460,22 @@ void put_verdict_block(text_buffer &out, const verdict_record &r, bool quiet)
 
 void put_geometry_text(text_buffer &out, const l2_geometry &g)
 {
-    put(out, "L2 of cpu");
-    put_int(out, g.cpu);
-    put(out, ": ");
-    put_int(out, g.size);
-    put(out, " bytes (");
-    put(out, g.size_source);
-    put(out, "), ");
-    put_int(out, g.line);
-    put(out, "-byte lines (");
-    put(out, g.line_source);
-    put(out, "), ");
-    put_int(out, g.ways);
-    put(out, " ways (");
-    put(out, g.ways_source);
-    put(out, "), ");
-    if (same_text(g.shared_cpus, "unknown")) {
+    put(out, "L2 of cpu", g.cpu, ": ", g.size, " bytes (", g.size_source, "), ", g.line, "-byte lines (");
+    put(out, g.line_source, "), ", g.ways, " ways (", g.ways_source, "), ");
+    if (same_text(g.shared_cpus, "unknown"))
         put(out, "sharing unknown");
-    } else {
-        put(out, "shared by cpus ");
-        put(out, g.shared_cpus);
-    }
+    else
+        put(out, "shared by cpus ", g.shared_cpus);
 }
 
 void put_progress_text(text_buffer &out, int subtest, int started, int finished, int processors)
 {
     if (subtest < 0) {
-        put(out, "starting on ");
-        put_int(out, processors);
-        put(out, processors == 1 ? " cpu" : " cpus");
+        put(out, "starting on ", processors, processors == 1 ? " cpu" : " cpus");
         return;
     }
-    put(out, subtests()[static_cast<size_t>(subtest)].name);
-    put(out, ": ");
-    put_int(out, started);
-    put(out, "/");
-    put_int(out, processors);
-    put(out, " cpus started, ");
-    put_int(out, finished);
-    put(out, "/");
-    put_int(out, processors);
-    put(out, " finished");
+    put(out, subtests()[static_cast<size_t>(subtest)].name, ": ", started, "/", processors, " cpus started, ");
+    put(out, finished, "/", processors, " finished");
 }
 
 size_t burn_in_room(const burn_in_record &r)
@@ -563,38 +512,23 @@ void put_burn_in_record(text_buffer &out, const burn_in_record &r)
 void put_burn_in_block(text_buffer &out, const burn_in_record &r)
 {
     start_summary_line(out, r.time);
-    put(out, "burn-in: ");
-    put_int(out, r.runs);
-    put(out, r.runs == 1 ? " run, " : " runs, ");
-    put_int(out, r.runs_passed);
-    put(out, " passed, ");
-    put_int(out, r.runs_failed);
+    put(out, "burn-in: ", r.runs, r.runs == 1 ? " run, " : " runs, ", r.runs_passed, " passed, ", r.runs_failed);
     put(out, " found a fault\n");
     for (const failed_run &f : r.failed_runs) {
         start_summary_line(out, r.time);
-        put(out, "run ");
-        put_int(out, f.run);
-        put(out, " found a fault");
-        if (f.cpu >= 0) {
-            put(out, " on cpu");
-            put_int(out, f.cpu);
-        }
-        if (!f.subtest.empty()) {
-            put(out, " in ");
-            put(out, f.subtest);
-        }
+        put(out, "run ", f.run, " found a fault");
+        if (f.cpu >= 0)
+            put(out, " on cpu", f.cpu);
+        if (!f.subtest.empty())
+            put(out, " in ", f.subtest);
         put(out, "\n");
     }
     start_summary_line(out, r.time);
     if (r.corrected.available) {
-        put(out, "corrected hardware errors during the burn-in: ");
-        put_int(out, static_cast<long long>(r.corrected.increase));
-        put(out, " (");
-        put(out, r.corrected.sources);
-        put(out, ")\n");
+        put(out, "corrected hardware errors during the burn-in: ", static_cast<long long>(r.corrected.increase));
+        put(out, " (", r.corrected.sources, ")\n");
     } else {
-        put(out, corrected_errors_note(false));
-        put(out, "\n");
+        put(out, corrected_errors_note(false), "\n");
     }
     start_summary_line(out, r.time);
     put(out, "elapsed ");
