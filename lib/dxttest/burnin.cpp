@@ -244,7 +244,8 @@ void burn_in(const burn_in_request &request)
         }
         put(text, failed.size() > 8 ? ", ...); " : "); ");
     } else if (status >= exit_signal_base) {
-        put(text, "interrupted by ", signal_name(stop_signal), "; ");
+        put_interrupted_by(text, stop_signal);
+        put(text, "; ");
     } else if (status == exit_could_not_test) {
         put(text, "run ", runs, " could not test (its exit status ", last, "); ");
     }

@@ -29,11 +29,11 @@ struct burn_in_request {
 [[noreturn]] void burn_in(const burn_in_request &request);
 
 // From the single run's harness, shared with the burn-in.
-void write_output(const text_buffer &text);  // standard output; a loss is noted once
-[[noreturn]] void end_with(int status);      // a pass whose output was lost becomes 3
-bool progress_wanted(display_mode display);  // -q, text, on a terminal that can redraw a line
-bool interrupt_ignored(int sig);             // ignored when the process started
-const char *signal_name(int sig);
+void write_output(const text_buffer &text);           // standard output; a loss is noted once
+[[noreturn]] void end_with(int status);               // a pass whose output was lost becomes 3
+bool progress_wanted(display_mode display);           // -q, text, on a terminal that can redraw a line
+bool interrupt_ignored(int sig);                      // ignored when the process started
+void put_interrupted_by(text_buffer &text, int sig);  // "interrupted by SIGTERM"
 
 }  // namespace dxt
 

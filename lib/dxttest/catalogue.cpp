@@ -198,6 +198,10 @@ const char *catalogue_format(int number)
     return nullptr;
 }
 
+
+namespace {
+
+// The usage's option list, with the test's own options text.
 std::string usage_details(const char *options_text)
 {
     std::string details = "\n  -o SUBOPTIONS  the test's sub-options, comma-separated keyword=value items: ";
@@ -246,6 +250,8 @@ std::string usage_details(const char *options_text)
         "\nsee tarneltest(1).";
     return details;
 }
+
+}  // namespace
 
 void format_message_text(char *text, size_t size, int number, const char *options_text, va_list args)
 {

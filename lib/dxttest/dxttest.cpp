@@ -567,7 +567,7 @@ sigset_t interrupt_signals()
 
 void put_interrupt_reason(dxt::text_buffer &reason, int sig)
 {
-    dxt::put(reason, "interrupted by ", dxt::signal_name(sig));
+    dxt::put_interrupted_by(reason, sig);
     put_status_reason(reason, "", dxt::exit_signal_base + sig);
 }
 
@@ -738,20 +738,13 @@ bool progress_wanted(display_mode mode)
 
 bool interrupt_ignored(int sig) { return sigismember(&ignored_at_start, sig) == 1; }
 
-const char *signal_name(int sig)
+void put_interrupted_by(text_buffer &text, int sig)
 {
-    switch (sig) {
-    case SIGINT:
-        return "SIGINT";
-    case SIGTERM:
-        return "SIGTERM";
-    case SIGHUP:
-        return "SIGHUP";
-    case SIGBUS:
-        return "SIGBUS";
-    default:
-        return "a signal";
-    }
+    // A table lookup, safe in a signal handler.
+    if (const char *name = sigabbrev_np(sig))
+        put(text, "interrupted by SIG", name);
+    else
+        put(text, "interrupted by signal ", sig);
 }
 
 }  // namespace dxt

@@ -34,8 +34,6 @@ struct display_mode {
 };
 
 bool level_shown(display_mode mode, int level, int number);
-// The word shown for a level, or nullptr for a level with no word.
-const char *severity_word(int level);
 
 // Output assembled in place before it is written with one call, in storage
 // the caller provides, so the signal handlers can build their lines with the
@@ -126,7 +124,6 @@ const char *catalogue_format(int number);  // nullptr when unknown
 // trailing newline and trailing blanks are dropped; the usage message gets
 // the option list, built from the test's options text, appended.
 void format_message_text(char *text, size_t size, int number, const char *options_text, va_list args);
-std::string usage_details(const char *options_text);
 
 // The subtests a worker runs, in their order, with the messages that start
 // and end each (0: none) and the statuses it can end a worker with.
@@ -144,7 +141,6 @@ int subtest_ended_by(int number);    // its index, or -1
 // The subtest named by a message that ends the run from a worker (the
 // Write/Read/Verify test's miscompare and allocation failure), or -1.
 int subtest_ending_with(int number);
-constexpr int32_t all_subtests = 0xFFFFF;
 // The bits of test_mask that select a subtest.
 int32_t subtest_bits();
 // What the usage error adds about the items of an unaccepted sub-option

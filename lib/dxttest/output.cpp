@@ -3,6 +3,7 @@
 // function here is async-signal-safe (no allocation, no locale, no stdio), so
 // the signal handlers build their lines with the same code as dxt_message.
 #include <cstdint>
+#include <iterator>
 
 #include "cpuset.h"
 #include "dxttest_internal.h"
@@ -89,26 +90,6 @@ bool level_shown(display_mode mode, int level, int number)
     if (mode.quiet)
         return level >= LVL_FATAL && level <= LVL_STEP_ERROR;
     return true;
-}
-
-const char *severity_word(int level)
-{
-    switch (level) {
-    case 1:
-        return "FATAL";
-    case 2:
-        return "FAULT";
-    case 3:
-        return "ERROR";
-    case 6:
-        return "USAGE";
-    case 7:
-        return "INFO";
-    case 8:
-        return "DEBUG";
-    default:
-        return nullptr;
-    }
 }
 
 void put(text_buffer &line, std::string_view s)
@@ -260,11 +241,11 @@ namespace {
 // The level's word, or LEVELn for a level without one.
 void put_severity(text_buffer &line, int level)
 {
-    if (const char *word = severity_word(level)) {
-        put(line, word);
-        return;
-    }
-    put(line, "LEVEL", level);
+    constexpr const char *words[] = {nullptr, "FATAL", "FAULT", "ERROR", nullptr, nullptr, "USAGE", "INFO", "DEBUG"};
+    if (level > 0 && level < static_cast<int>(std::size(words)) && words[level] != nullptr)
+        put(line, words[level]);
+    else
+        put(line, "LEVEL", level);
 }
 
 }  // namespace
