@@ -27,19 +27,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (words.size() > 64)
         return 0;
 
-    std::vector<std::vector<char>> storage;
+    std::vector<std::string> storage = words;  // what the parser is handed
     std::vector<char *> argv;
-    for (const std::string &w : words) {
-        storage.emplace_back(w.begin(), w.end());
-        storage.back().push_back('\0');
-    }
-    for (std::vector<char> &s : storage)
+    for (std::string &s : storage)
         argv.push_back(s.data());
     argv.push_back(nullptr);
 
     dxt::command_line line = dxt::parse_command_line(static_cast<int>(words.size()), argv.data());
     for (size_t i = 0; i < words.size(); i++)
-        if (std::string(argv[i]) != words[i])
+        if (argv[i] != storage[i].data() || storage[i] != words[i])
             abort();
     if (line.action == dxt::command_action::error && line.error.empty())
         abort();

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "driver/tarnel.h"
@@ -73,19 +74,17 @@ std::string rejected(const std::string &keyword, int n = 1) { return times(n, "6
 // The option variables that differ from their defaults.
 std::string changed()
 {
+    const option_values now = options_now(), &d = option_defaults;
+    using option = std::tuple<const char *, long long, long long>;  // name, now, at the start
     std::string text;
-    auto note = [&text](const char *name, long long value, long long initial) {
+    for (auto [name, value, initial] :
+         {option{"count", now.count, d.count}, {"tag", now.tag_count, d.tag_count},
+          {"march_window", now.march_window, d.march_window}, {"march_al", now.march_al, d.march_al},
+          {"march_pats", now.march_pats, d.march_pats},
+          {"l1cache_write_policy", now.l1cache_write_policy, d.l1cache_write_policy},
+          {"test_mask", now.test_mask, d.test_mask}})
         if (value != initial)
             text += std::string(name) + "=" + std::to_string(value) + " ";
-    };
-    const option_values now = options_now(), &d = option_defaults;
-    note("count", now.count, d.count);
-    note("tag", now.tag_count, d.tag_count);
-    note("march_window", now.march_window, d.march_window);
-    note("march_al", now.march_al, d.march_al);
-    note("march_pats", now.march_pats, d.march_pats);
-    note("l1cache_write_policy", now.l1cache_write_policy, d.l1cache_write_policy);
-    note("test_mask", now.test_mask, d.test_mask);
     return text;
 }
 
@@ -110,18 +109,14 @@ TEST_F(driver, every_keyword_of_the_table)
         {"march_window", 0, "7 Cont with default march window\n|", ""},
         {"march_window=12", 1, "", "march_window=12 "},
         {"march_window=1a", 0, rejected("march_window"), ""},
-        {"march_al=,march_al", 1, times(2, "7 Cont with default march_algorithms\n|"),
-         ""},
+        {"march_al=,march_al", 1, times(2, "7 Cont with default march_algorithms\n|"), ""},
         {"march_al=77,march_al=0x4", 0, rejected("march_al"), "march_al=77 "},
-        {"march_pats=,march_pats", 1,
-         times(2, "7 Cont with default march data patterns\n|"), ""},
+        {"march_pats=,march_pats", 1, times(2, "7 Cont with default march data patterns\n|"), ""},
         {"march_pats=77,march_pats=0x4", 0, rejected("march_pats"), "march_pats=77 "},
-        {"l1cache_write_policy=,l1cache_write_policy", 1,
-         times(2, "7 Cont with default l1cache_write_policy\n|"), ""},
+        {"l1cache_write_policy=,l1cache_write_policy", 1, times(2, "7 Cont with default l1cache_write_policy\n|"), ""},
         {"l1cache_write_policy=77,l1cache_write_policy=0x4", 0, rejected("l1cache_write_policy"),
          "l1cache_write_policy=77 "},
-        {"test_mask=,test_mask", 1,
-         times(2, "7 Cont with default value for test_mask\n|"), ""},
+        {"test_mask=,test_mask", 1, times(2, "7 Cont with default value for test_mask\n|"), ""},
         {"test_mask=1024,test_mask=0x400", 0, rejected("test_mask"), "test_mask=1024 "},
         {"cpc=Enabled", 1, "7 #24|", ""},
         {"cpc=Disabled", 1, "", ""},

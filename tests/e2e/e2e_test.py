@@ -66,10 +66,8 @@ class EndToEnd(unittest.TestCase):
             (["-q", "--help"], 0, "usage: tarneltest [-o SUBOPTIONS] [-v | -q] [-d] [--json] [--duration TIME] "
                                   "[--runs N] [--keep-going] [-h] [--version]\n", ""),
             # A burn-in's limits: zero, negative, malformed or overflowing.
-            (["--duration", "0"], 2, "", "--duration needs a time above zero"),
-            (["--duration", "-5"], 2, "", "--duration needs a time above zero"),
-            (["--duration", "5x"], 2, "", "--duration needs a time above zero"),
-            (["--duration", "99999999999999999999"], 2, "", "--duration needs a time above zero"),
+            *[(["--duration", limit], 2, "", "--duration needs a time above zero")
+              for limit in ("0", "-5", "5x", "99999999999999999999")],
             (["--runs", "0"], 2, "", "--runs needs a number of runs above zero"),
             (["--keep-going"], 2, "", "--keep-going belongs to a burn-in"),
             (["--version"], 0, "tarneltest version ", ""),
@@ -238,53 +236,44 @@ class EndToEnd(unittest.TestCase):
     def test_a_planted_fault_decides_the_run_on_every_processor(self):
         """The faulty build with one fault, planted in the named buffer of the
         worker on each processor in turn: found faults fail the run naming
-        that processor, a traffic-only buffer's fault passes, and a fault the
-        run cannot plant is refused, never passed over."""
+        that processor and subtest, in the text and in the record; a
+        traffic-only buffer's fault passes; and a fault the run cannot plant
+        is refused, never passed over."""
         if not FAULTY:
             self.skipTest("no fault-model build")
-        for fault, mask, want, line in [
+        wrrdvr, hit = (6000, None, "Write/Read/Verify"), (8011, -1, "Cache Hit Stress")
+        for fault, mask, want, failure, line in [
             # A lost store in the Write/Read/Verify test's first region: the
             # word keeps the fresh buffer's bytes, and the miscompare ends the
             # run at once.
-            ("lost,{cpu},0,24", 8, 1, r"FAULT cpu{cpu} .*#6000"),
+            ("lost,{cpu},0,24", 8, 1, wrrdvr, r"FAULT cpu{cpu} .*#6000"),
+            ("stuck1,{cpu},0,64,3", 8, 1, wrrdvr, r"VERDICT FAIL: a fault was found on cpu{cpu} "),
             # A bit stuck at 1 in the Cache Hit test's packed records (its
             # third buffer), all written zero and verified: that worker fails,
             # and the run fails once every worker is joined.
-            ("stuck1,{cpu},2,24,3", 16, 1, r"SUMMARY failure on cpu{cpu}: Cache Hit Stress \(message 8011"),
+            ("stuck1,{cpu},2,24,3", 16, 1, hit, r"SUMMARY failure on cpu{cpu}: Cache Hit Stress \(message 8011"),
             # A lost store in the hit test's first buffer, caught by its 64-bit
             # verify (the high half of an element, whose exponent is never 0).
-            ("lost,{cpu},0,28", 16, 1, r"VERDICT FAIL: a fault was found on cpu{cpu} "),
-            ("stuck1,{cpu},0,24,3", 32, 0, r"VERDICT PASS"),
-            ("lost,{cpu},0,99999999999", 8, 2, r"#1 "),
+            ("lost,{cpu},0,28", 16, 1, hit, r"VERDICT FAIL: a fault was found on cpu{cpu} "),
+            ("stuck1,{cpu},0,24,3", 32, 0, None, r"VERDICT PASS"),
+            ("lost,{cpu},0,99999999999", 8, 2, None, r"#1 "),
         ]:
             for cpu in CPUS:
                 with self.subTest(fault=fault, cpu=cpu):
-                    status, out, _ = run(["-o", f"count=1,test_mask={mask}"], binary=FAULTY,
-                                         env={"TARNEL_FAULT": fault.format(cpu=cpu)})
+                    env = {"TARNEL_FAULT": fault.format(cpu=cpu)}
+                    status, out, _ = run(["-o", f"count=1,test_mask={mask}"], binary=FAULTY, env=env)
                     self.assertEqual(status, want, out)
                     self.assertRegex(out, line.replace("{cpu}", str(cpu)))
-
-    def test_a_fault_names_processor_and_subtest_in_the_record(self):
-        """On every processor in turn, a stuck bit in the first buffer its
-        worker allocates: the Write/Read/Verify test's miscompare ends the run
-        at once; the Cache Hit test fails its worker, found when the workers
-        are joined. The record names that processor and that subtest."""
-        if not FAULTY:
-            self.skipTest("no fault-model build")
-        for cpu in CPUS:
-            for mask, message, worker_status, subtest in [("8", 6000, None, "Write/Read/Verify"),
-                                                          ("16", 8011, -1, "Cache Hit Stress")]:
-                with self.subTest(cpu=cpu, subtest=subtest):
-                    status, out, _ = run(["--json", "-o", "count=1,test_mask=" + mask], binary=FAULTY,
-                                         env={"TARNEL_FAULT": f"stuck1,{cpu},0,64,3"})
-                    self.assertEqual(status, 1)
+                    if failure is None:
+                        continue
+                    status, out, _ = run(["--json", "-o", f"count=1,test_mask={mask}"], binary=FAULTY, env=env)
+                    message, worker_status, subtest = failure
                     self.assertEqual(out.count(f'"number":{message},'), 1)
                     v = record(out)
-                    self.assertEqual((v["verdict"], v["failed_cpus"]), ("fault", [cpu]))
+                    self.assertEqual((status, v["verdict"], v["failed_cpus"]), (1, "fault", [cpu]))
                     self.assertEqual(v["failures"], [{"cpu": cpu, "message": message, "worker_status": worker_status,
                                                       "subtest": subtest, "possible_subtests": [subtest],
                                                       "address": None}])
-
 
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()

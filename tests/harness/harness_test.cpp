@@ -2,12 +2,11 @@
 // against what the program passes, and the report of a real bus error (in a
 // child process: its exit status and its lines). Whole lines from many
 // threads show in every JSON run of tests/e2e.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <functional>
 #include <map>
 #include <regex>
 #include <string>
@@ -55,47 +54,6 @@ TEST(Catalogue, ExactlyTheProgramsNumbersEachTakingItsArguments)
     EXPECT_EQ(dxt::catalogue_format(4242), nullptr);
 }
 
-// What a child's body returns when it comes back: tells "returned" apart
-// from every status the harness exits with.
-constexpr int returned = 40;
-
-struct outcome {
-    int status;  // exit status, or -1 when it did not exit
-    std::string out, err;
-};
-
-std::string read_all(FILE *file)
-{
-    std::string text;
-    char buffer[4096];
-    rewind(file);
-    for (size_t n; (n = fread(buffer, 1, sizeof buffer, file)) > 0;)
-        text.append(buffer, n);
-    fclose(file);
-    return text;
-}
-
-// Runs body in a child process (the harness exits, installs signal handlers
-// and keeps run-wide state; no gtest assertion may run there): its exit
-// status and what it wrote. A child still running after 50 s is ended.
-outcome in_child(const std::function<int()> &body)
-{
-    FILE *out = tmpfile(), *err = tmpfile();
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        alarm(50);
-        dup2(fileno(out), STDOUT_FILENO);
-        dup2(fileno(err), STDERR_FILENO);
-        int status = body();
-        fflush(nullptr);
-        _exit(status);
-    }
-    int wstatus = 0;
-    waitpid(pid, &wstatus, 0);
-    return {WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1, read_all(out), read_all(err)};
-}
-
 // The harness started as the program starts it, without an option parser.
 void start(std::vector<std::string> args)
 {
@@ -108,29 +66,32 @@ void start(std::vector<std::string> args)
     test_init(static_cast<int>(args.size()), argv.data(), nullptr, nullptr, "");
 }
 
+// The harness exits, installs signal handlers and keeps run-wide state, so
+// the run is a death test, its output on the standard error that such a
+// test reads.
 TEST(HarnessProcess, BusErrorIsAHardwareFaultWithProcessorAndAddress)
 {
-    outcome o = in_child([] {
-        start({});
-        dxt_test_async_handler(0);
-        // A read past the end of a file mapping is a bus error. The
-        // mapping goes where the kernel puts it: a fixed address may lie
-        // outside what a sanitizer lets the program map.
-        int fd = fileno(tmpfile());
-        if (ftruncate(fd, 4096) != 0)
-            return 99;
-        void *where = mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0);
-        if (where == MAP_FAILED || ftruncate(fd, 0) != 0)
-            return 99;
-        return static_cast<volatile char *>(where)[64] + returned;
-    });
-    EXPECT_EQ(o.status, 1) << o.out;
-    // Byte 64 of a page-aligned mapping: the address ends in 040.
-    EXPECT_TRUE(std::regex_search(o.out, std::regex(" FATAL main #0 hardware fault: bus error \\(SIGBUS\\) on "
-                                                    "cpu([0-9]+) at address (0x[0-9a-f]*040)\n(.*\n)*.* SUMMARY failure "
-                                                    "on cpu\\1: .*\\(signal, address \\2\\)\n(.*\n)*.* VERDICT FAIL: "
-                                                    "a fault was found on cpu\\1 \\(exit status 1\\)\n$")))
-        << o.out;
+    EXPECT_EXIT(
+        {
+            dup2(STDERR_FILENO, STDOUT_FILENO);
+            start({});
+            dxt_test_async_handler(0);
+            // A read past the end of a file mapping is a bus error. The
+            // mapping goes where the kernel puts it: a fixed address may lie
+            // outside what a sanitizer lets the program map.
+            int fd = fileno(tmpfile());
+            void *where = ftruncate(fd, 4096) == 0 ? mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0) : MAP_FAILED;
+            if (where != MAP_FAILED && ftruncate(fd, 0) == 0)
+                (void)static_cast<volatile char *>(where)[64];
+            _exit(99);
+        },
+        ::testing::ExitedWithCode(1), ::testing::Truly([](const std::string &out) {
+            // Byte 64 of a page-aligned mapping: the address ends in 040.
+            return std::regex_search(out, std::regex(" FATAL main #0 hardware fault: bus error \\(SIGBUS\\) on cpu([0-9]+) "
+                                                     "at address (0x[0-9a-f]*040)\n(.*\n)*.* SUMMARY failure on "
+                                                     "cpu\\1: .*\\(signal, address \\2\\)\n(.*\n)*.* VERDICT FAIL: "
+                                                     "a fault was found on cpu\\1 \\(exit status 1\\)\n$"));
+        }));
 }
 
 }  // namespace
