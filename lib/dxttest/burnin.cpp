@@ -2,9 +2,8 @@
 // fatal message, interrupt or crash ends that run and never the burn-in's
 // bookkeeping. The run writes its output to a pipe, which the parent copies
 // to standard output line by line with the run's number added ("run 3"
-// after a text line's time, "run":3 first in a JSON object), and its JSON
-// verdict record to a second pipe, from which the parent takes the failed
-// processors and subtests.
+// after a text line's time, "run":3 first in a JSON object), and its
+// failures, processor and subtest, to a second pipe.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -15,7 +14,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -93,15 +91,15 @@ void pass_line(const std::string &line, long long run, bool json, progress_line 
 
 struct run_outcome {
     int status;
-    std::string record;  // the run's JSON verdict record
+    std::string failures;  // "<cpu>\t<subtest>\n" each
 };
 
 run_outcome one_run(const burn_in_request &request, progress_line &progress)
 {
-    int out[2], record[2];
+    int out[2], failures[2];
     if (pipe2(out, O_CLOEXEC) != 0)
         return {exit_could_not_test, ""};
-    if (pipe2(record, O_CLOEXEC) != 0) {
+    if (pipe2(failures, O_CLOEXEC) != 0) {
         close(out[0]);
         close(out[1]);
         return {exit_could_not_test, ""};
@@ -110,20 +108,20 @@ run_outcome one_run(const burn_in_request &request, progress_line &progress)
     for (const std::string &arg : request.run_args)
         argv.push_back(const_cast<char *>(arg.c_str()));
     argv.push_back(nullptr);
-    std::string record_fd = std::to_string(record[1]);
+    std::string failures_fd = std::to_string(failures[1]);
     pid_t pid = fork();
     if (pid == 0) {
         dup2(out[1], STDOUT_FILENO);
-        fcntl(record[1], F_SETFD, 0);
-        setenv(burn_in_record_fd, record_fd.c_str(), 1);
+        fcntl(failures[1], F_SETFD, 0);
+        setenv(burn_in_failures_fd, failures_fd.c_str(), 1);
         execv("/proc/self/exe", argv.data());
         _exit(exit_could_not_test);
     }
     close(out[1]);
-    close(record[1]);
+    close(failures[1]);
     if (pid < 0) {
         close(out[0]);
-        close(record[0]);
+        close(failures[0]);
         return {exit_could_not_test, ""};
     }
     running = pid;
@@ -132,7 +130,7 @@ run_outcome one_run(const burn_in_request &request, progress_line &progress)
 
     run_outcome outcome{exit_could_not_test, ""};
     std::string pending;
-    pollfd fds[2] = {{out[0], POLLIN, 0}, {record[0], POLLIN, 0}};
+    pollfd fds[2] = {{out[0], POLLIN, 0}, {failures[0], POLLIN, 0}};
     for (int open = 2; open > 0;) {
         if (poll(fds, 2, 1000) <= 0) {
             progress.draw();  // the time left moves on
@@ -150,7 +148,7 @@ run_outcome one_run(const burn_in_request &request, progress_line &progress)
                 fd.fd = -1;
                 open--;
             } else if (&fd == &fds[1]) {
-                outcome.record.append(buffer, static_cast<size_t>(n));
+                outcome.failures.append(buffer, static_cast<size_t>(n));
             } else {
                 pending.append(buffer, static_cast<size_t>(n));
                 for (size_t end; (end = pending.find('\n')) != std::string::npos; pending.erase(0, end + 1))
@@ -168,16 +166,14 @@ run_outcome one_run(const burn_in_request &request, progress_line &progress)
     return outcome;
 }
 
-// The processors and subtests a failed run's record names.
-void note_failures(const std::string &record, long long run, std::vector<failed_run> &failed)
+// The processors and subtests a failed run named.
+void note_failures(const std::string &failures, long long run, std::vector<failed_run> &failed)
 {
-    static const std::regex site("\\{\"cpu\":([0-9]+|null),\"message\":[0-9]+,\"worker_status\":[^,]*,"
-                                 "\"subtest\":(\"[^\"]*\"|null)");
     size_t before = failed.size();
-    for (std::sregex_iterator m(record.begin(), record.end(), site); m != std::sregex_iterator(); ++m) {
-        std::string cpu = (*m)[1], subtest = (*m)[2];
-        failed.push_back({run, cpu == "null" ? -1 : std::atoi(cpu.c_str()),
-                          subtest == "null" ? "" : subtest.substr(1, subtest.size() - 2)});
+    for (size_t at = 0, end; (end = failures.find('\n', at)) != std::string::npos; at = end + 1) {
+        size_t tab = failures.find('\t', at);
+        if (tab < end)
+            failed.push_back({run, std::atoi(failures.c_str() + at), failures.substr(tab + 1, end - tab - 1)});
     }
     if (failed.size() == before)
         failed.push_back({run, -1, ""});
@@ -212,7 +208,7 @@ void burn_in(const burn_in_request &request)
         passed += last == exit_passed;
         if (last == exit_fault_found) {
             found++;
-            note_failures(outcome.record, progress.run, failed);
+            note_failures(outcome.failures, progress.run, failed);
         }
         if (!request.display.json) {
             line_buffer line;

@@ -14,9 +14,10 @@
 
 namespace dxt {
 
-// A run started by a burn-in writes its JSON verdict record, whatever its
-// output form, to the descriptor this variable names, for the parent.
-constexpr char burn_in_record_fd[] = "TARNEL_BURN_IN_RECORD_FD";
+// A run started by a burn-in also writes each failure of its verdict, one
+// line each, "<cpu>\t<subtest>" (-1, "": not known), to the descriptor
+// this variable names, for the parent.
+constexpr char burn_in_failures_fd[] = "TARNEL_BURN_IN_FAILURES_FD";
 
 struct burn_in_request {
     long long seconds = 0;  // no run starts after this; 0: no time limit

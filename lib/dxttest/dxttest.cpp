@@ -41,10 +41,9 @@ namespace {
 
 dxt::display_mode display;
 int output_fd = STDOUT_FILENO;
-// A run of a burn-in: where its JSON verdict record also goes, for the
-// burn-in (-1: not one), and room for the record made before the run starts.
-int record_fd = -1;
-std::vector<char> record_storage;
+// A run of a burn-in: where its failures also go, for the burn-in (-1: not
+// one).
+int failures_fd = -1;
 const char *options_text = "";
 timespec started;
 std::string subopts;  // the parser's text; it may keep pointers into it
@@ -423,10 +422,11 @@ void put_verdict(dxt::text_buffer &out, const dxt::verdict_record &record)
         dxt::put_verdict_record(out, record);
     else
         dxt::put_verdict_block(out, record, display.quiet);
-    if (record_fd >= 0 && !record_storage.empty()) {
-        dxt::text_buffer copy{record_storage.data(), record_storage.size(), 0};
-        dxt::put_verdict_record(copy, record);
-        write_all(record_fd, copy.data, copy.length);
+    for (const dxt::failure_site &f : failures_fd >= 0 ? record.failures : std::span<const dxt::failure_site>()) {
+        dxt::line_buffer line;
+        dxt::put(line, f.cpu, "\t", f.subtests.count == 1 ? dxt::subtests()[size_t(f.subtests.index[0])].name : "");
+        dxt::put(line, "\n");
+        write_all(failures_fd, line.data, line.length);
     }
 }
 
@@ -548,8 +548,6 @@ void prepare_run()
     signal_storage = new char[signal_capacity];
 
     progress_on = dxt::progress_wanted(display);
-    if (record_fd >= 0)
-        record_storage.resize(dxt::verdict_room(largest));
     winsize size;
     if (progress_on && ioctl(output_fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
         terminal_columns = size.ws_col;
@@ -801,9 +799,9 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
     }
     if (line.burn_in_seconds > 0 || line.burn_in_runs > 0)
         start_burn_in(argc > 0 ? argv[0] : program, line);
-    if (const char *fd = getenv(dxt::burn_in_record_fd)) {
-        record_fd = atoi(fd);
-        unsetenv(dxt::burn_in_record_fd);
+    if (const char *fd = getenv(dxt::burn_in_failures_fd)) {
+        failures_fd = atoi(fd);
+        unsetenv(dxt::burn_in_failures_fd);
     }
     prepare_run();
     return 0;
