@@ -101,7 +101,8 @@ std::string function_name(std::string symbol)
 {
     for (size_t at; (at = symbol.find("(anonymous namespace)::")) != std::string::npos;)
         symbol.erase(at, 23);
-    symbol = symbol.substr(0, symbol.find_first_of("(<"));
+    if (size_t arguments = symbol.find_first_of("(<"); arguments != std::string::npos)
+        symbol.resize(arguments);
     symbol = symbol.substr(symbol.find_last_of(' ') + 1);
     size_t scope = symbol.rfind("::");
     return scope == std::string::npos ? symbol : symbol.substr(scope + 2);
