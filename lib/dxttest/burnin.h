@@ -15,8 +15,7 @@
 namespace dxt {
 
 // A run started by a burn-in also writes each failure of its verdict, one
-// line each, "<cpu>\t<subtest>" (-1, "": not known), to the descriptor
-// this variable names, for the parent.
+// line each (put_failure_brief), to the descriptor this variable names.
 constexpr char burn_in_failures_fd[] = "TARNEL_BURN_IN_FAILURES_FD";
 
 struct burn_in_request {

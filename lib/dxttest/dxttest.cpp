@@ -23,6 +23,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -75,8 +76,8 @@ bool passed = false;
 // but did not, from 4006 (its worker was never created; the message names
 // the worker table's entry, filled like machine->tested) and 4003 (its
 // worker could not be bound to it); and the geometry each bound worker
-// announced before its first subtest. Appended under report_lock, read
-// lock free (a signal handler reads them).
+// announced before its first subtest. Added under report_lock, read lock
+// free (a signal handler reads them).
 constexpr int max_reported = 4096;
 std::mutex report_lock;
 dxt::left_out_processor lost[max_reported];
@@ -251,40 +252,45 @@ void note_lost_processor(int number, int value)
     }
 }
 
-// The geometry a bound worker announced; nullptr when the announcing thread
+// The geometry a bound worker announced; none when the announcing thread
 // is bound to no tested processor.
-const dxt::l2_geometry *note_geometry(uint32_t size, uint32_t line)
+std::optional<dxt::l2_geometry> note_geometry(uint32_t size, uint32_t line)
 {
     int cpu = platform_bound_processor();
     const auto &tested = machine->tested;
     auto found = std::find(tested.begin(), tested.end(), cpu);
     if (found == tested.end())
-        return nullptr;
+        return std::nullopt;
     dxt::l2_geometry g = dxt::announced_l2(cpu, size, line, machine->shared_cpus[size_t(found - tested.begin())]);
+    // Kept in processor order, whatever order the workers announce in; a
+    // signal handler reading during an insertion may see one entry twice.
     std::lock_guard<std::mutex> hold(report_lock);
     int n = announced_count.load();
     if (n >= max_reported)
-        return nullptr;
-    announced[n] = g;
+        return std::nullopt;
+    int at = n;
+    for (; at > 0 && announced[at - 1].cpu > cpu; at--)
+        announced[at] = announced[at - 1];
+    announced[at] = g;
     announced_count.store(n + 1);
-    return &announced[n];
+    return g;
 }
 
 // Records what a report says of a processor; the geometry it announced, if
 // it is an announcement.
-const dxt::l2_geometry *note_report(int number, const char *tag, va_list args)
+std::optional<dxt::l2_geometry> note_report(int number, const char *tag, va_list args)
 {
     if (machine == nullptr)
-        return nullptr;
+        return std::nullopt;
     if (number == MSG_THREAD_CREATE_FAILED || number == MSG_BIND_FAILED) {
         note_lost_processor(number, va_arg(args, int));
-        return nullptr;
+        return std::nullopt;
     }
     if (number != MSG_FREE_TEXT || tag == nullptr || strcmp(tag, "l2cache") != 0)
-        return nullptr;
+        return std::nullopt;
     const char *format = va_arg(args, const char *);
     if (format == nullptr || strcmp(format, geometry_announcement) != 0)
-        return nullptr;
+        return std::nullopt;
     uint32_t size = va_arg(args, uint32_t);
     uint32_t line = va_arg(args, uint32_t);
     return note_geometry(size, line);
@@ -422,12 +428,12 @@ void put_verdict(dxt::text_buffer &out, const dxt::verdict_record &record)
         dxt::put_verdict_record(out, record);
     else
         dxt::put_verdict_block(out, record, display.quiet);
-    for (const dxt::failure_site &f : failures_fd >= 0 ? record.failures : std::span<const dxt::failure_site>()) {
-        dxt::line_buffer line;
-        dxt::put(line, f.cpu, "\t", f.subtests.count == 1 ? dxt::subtests()[size_t(f.subtests.index[0])].name : "");
-        dxt::put(line, "\n");
-        write_all(failures_fd, line.data, line.length);
-    }
+    if (failures_fd >= 0)
+        for (const dxt::failure_site &f : record.failures) {
+            dxt::line_buffer line;
+            dxt::put_failure_brief(line, f);
+            write_all(failures_fd, line.data, line.length);
+        }
 }
 
 // Writes the text as the run's last output and ends the process. After a
@@ -834,7 +840,7 @@ int dxt_message(int exit_flag, int level, const char *tag, int number, ...)
     note_progress(number);
     va_list args;
     va_start(args, number);
-    const dxt::l2_geometry *geometry = note_report(number, tag, args);
+    std::optional<dxt::l2_geometry> geometry = note_report(number, tag, args);
     va_end(args);
     if (exit_flag == 0 && !dxt::level_shown(display, level, number))
         return 0;
@@ -843,7 +849,7 @@ int dxt_message(int exit_flag, int level, const char *tag, int number, ...)
     dxt::format_message_text(text, sizeof text, number, options_text, args);
     va_end(args);
     show_message(exit_flag, level, tag, number, text);
-    if (geometry != nullptr) {
+    if (geometry) {
         dxt::line_buffer line;
         dxt::put_geometry_text(line, *geometry);
         show_debug(view(line));

@@ -123,23 +123,6 @@ void each_left_out(const verdict_record &r, F visit)
         visit(p);
 }
 
-// The geometries by ascending processor, whatever order the workers
-// announced them in.
-template <typename F>
-void each_by_cpu(std::span<const l2_geometry> l2, F visit)
-{
-    for (int last = -1;;) {
-        const l2_geometry *next = nullptr;
-        for (const l2_geometry &g : l2)
-            if (g.cpu > last && (next == nullptr || g.cpu < next->cpu))
-                next = &g;
-        if (next == nullptr)
-            return;
-        visit(*next);
-        last = next->cpu;
-    }
-}
-
 constexpr const char *left_out_reasons[] = {"offline", "not-allowed", "thread-not-created", "not-bound"};
 
 const char *reason_text(const char *reason)
@@ -190,19 +173,18 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
     put(out, "\n");
 
     // One line per distinct geometry, naming its processors.
-    each_by_cpu(r.l2, [&](const l2_geometry &g) {
+    for (const l2_geometry &g : r.l2) {
         bool seen = false;
-        for (const l2_geometry &h : r.l2)
-            seen = seen || (h.cpu < g.cpu && same_geometry(h, g));
+        for (const l2_geometry *h = r.l2.data(); h != &g && !seen; h++)
+            seen = same_geometry(*h, g);
         if (seen)
-            return;
+            continue;
         start_summary_line(out, r.time);
         put(out, "L2 of cpu ");
         cpu_list_writer ids = list_into(out);
-        each_by_cpu(r.l2, [&](const l2_geometry &h) {
+        for (const l2_geometry &h : r.l2)
             if (same_geometry(h, g))
                 ids.add(h.cpu);
-        });
         ids.finish();
         put(out, ": ", g.size, " bytes, ", g.line, "-byte lines, ", g.ways, " ways, from ");
         if (one_source(g))
@@ -210,23 +192,23 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
         else
             put(out, "size: ", g.size_source, ", line: ", g.line_source, ", ways: ", g.ways_source);
         put(out, "\n");
-    });
+    }
 
     if (r.l2.empty())
         return;
     start_summary_line(out, r.time);
     bool shared = false;
     bool unknown = false;
-    each_by_cpu(r.l2, [&](const l2_geometry &g) {
+    for (const l2_geometry &g : r.l2) {
         unknown = unknown || same_text(g.shared_cpus, "unknown");
         bool seen = false;
-        for (const l2_geometry &h : r.l2)
-            seen = seen || (h.cpu < g.cpu && same_text(h.shared_cpus, g.shared_cpus));
+        for (const l2_geometry *h = r.l2.data(); h != &g && !seen; h++)
+            seen = same_text(h->shared_cpus, g.shared_cpus);
         if (seen || !names_several(g.shared_cpus))
-            return;
+            continue;
         put(out, shared ? "; " : "L2 shared by cpus ", g.shared_cpus);
         shared = true;
-    });
+    }
     if (!shared)
         put(out, unknown ? "L2 sharing unknown" : "each tested processor has an L2 of its own");
     else if (unknown)
@@ -411,7 +393,7 @@ void put_verdict_record(text_buffer &out, const verdict_record &r)
             put_int(out, r.failures[i].cpu);
         }
     put(out, "],\"l2\":[");
-    each_by_cpu(r.l2, [&](const l2_geometry &g) {
+    for (const l2_geometry &g : r.l2) {
         put_comma(out);
         put(out, "{");
         put_int_member(out, "cpu", g.cpu);
@@ -426,7 +408,7 @@ void put_verdict_record(text_buffer &out, const verdict_record &r)
         put(out, "}");
         put_text_member(out, "shared_cpus", g.shared_cpus);
         put(out, "}");
-    });
+    }
     put(out, "],\"failures\":[");
     for (const failure_site &f : r.failures) {
         put_comma(out);
@@ -456,6 +438,11 @@ void put_verdict_block(text_buffer &out, const verdict_record &r, bool quiet)
         put(out, "\n");
     }
     put_verdict_line(out, {r.time, verdict_word(r.exit_status), r.text});
+}
+
+void put_failure_brief(text_buffer &out, const failure_site &f)
+{
+    put(out, f.cpu, "\t", f.subtests.count == 1 ? subtest_name(f.subtests.index[0]) : "", "\n");
 }
 
 void put_geometry_text(text_buffer &out, const l2_geometry &g)

@@ -130,6 +130,10 @@ void put_verdict_block(text_buffer &out, const verdict_record &record, bool quie
 // tested processor's L2).
 machine_description describe_machine();
 
+// One failure for a burn-in's parent: "<cpu>\t<subtest>\n" (-1 and "" when
+// not known).
+void put_failure_brief(text_buffer &out, const failure_site &f);
+
 // The debug line of one processor's geometry, every value with its source.
 void put_geometry_text(text_buffer &out, const l2_geometry &g);
 
