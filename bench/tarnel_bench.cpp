@@ -448,7 +448,6 @@ double cpu_seconds()
     return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
 }
 
-
 void run_reference(benchmark::State &state, const std::string &shape, size_t region,
                    double (*loop)(const buffers &))
 {

@@ -198,7 +198,6 @@ const char *catalogue_format(int number)
     return nullptr;
 }
 
-
 namespace {
 
 // The usage's option list, with the test's own options text.

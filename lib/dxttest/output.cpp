@@ -77,7 +77,6 @@ size_t utf8_sequence(std::string_view s, size_t i)
     return length;
 }
 
-
 }  // namespace
 
 bool level_shown(display_mode mode, int level, int number)

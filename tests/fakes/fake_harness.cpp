@@ -96,7 +96,6 @@ std::vector<int> numbers()
     return found;
 }
 
-
 void set_cacheinfo_result(int cpu, int retval) { info(cpu).retval = retval; }
 
 void set_descriptor(int cpu, int index, uint32_t size, uint32_t line_size, uint32_t ways)
