@@ -28,9 +28,9 @@ struct geometry {
 inline geometry g;  // set once, before any row is added
 
 // The three region sizes the subtests work on.
-inline size_t whole() { return g.cache_size; }                     // one cache size
-inline size_t twice() { return size_t{2} * g.cache_size; }           // twice the cache
-inline size_t half() { return march_region_bytes(g.cache_size); }    // the half-cache region
+inline size_t whole() { return g.cache_size; }                   // one cache size
+inline size_t twice() { return size_t{2} * g.cache_size; }         // twice the cache
+inline size_t half() { return march_region_bytes(g.cache_size); }  // the half-cache region
 
 // A reference shape over a region: "seq_store32/1048576".
 inline std::string key(const std::string &shape, size_t region) { return shape + "/" + std::to_string(region); }

@@ -41,6 +41,7 @@
 #include <map>
 #include <optional>
 #include <random>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -540,8 +541,12 @@ void run_subtest(benchmark::State &state, const row_def &r, const std::optional<
     if (lower.reference_seconds >= 0 && per_call > lower.seconds)
         state.counters["pass_ratio"] = (reference_seconds - lower.reference_seconds) / (per_call - lower.seconds);
 }
+
+std::set<std::string> references;  // the keys of every reference loop
+
 void register_reference(const std::string &shape, size_t region, double (*loop)(const buffers &))
 {
+    references.insert(key(shape, region));
     benchmark::RegisterBenchmark(("ref/" + key(shape, region)).c_str(),
                                  [shape, region, loop](benchmark::State &s) { run_reference(s, shape, region, loop); })
         ->Unit(benchmark::kMicrosecond);
@@ -620,8 +625,14 @@ void register_all()
         if (counted != traffic_of.end()) {
             t = counted->second;
             std::string text;
-            for (const component &c : *t)
+            for (const component &c : *t) {
+                if (!references.contains(c.key)) {
+                    std::fprintf(stderr, "tarnel_bench: %s: the census names %s, which no reference loop measures\n",
+                                 r.name.c_str(), c.key.c_str());
+                    std::exit(1);
+                }
                 text += (text.empty() ? "" : ";") + c.key + "=" + std::to_string(static_cast<long long>(c.bytes));
+            }
             benchmark::AddCustomContext("traffic:" + r.name, text);
         }
         benchmark::RegisterBenchmark(r.name.c_str(), [&r, t](benchmark::State &s) { run_subtest(s, r, t); })
