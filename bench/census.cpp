@@ -259,7 +259,8 @@ int census(bool check)
     for (const row_def &r : rows) {
         row_census counted(r.subtest);
         fault::reset();
-        fault::on_access([&counted](const void *a, unsigned width, bool store) { counted.see(a, width, store); });
+        fault::on_access(
+            [&counted](const void *a, unsigned width, bool store, uint64_t) { counted.see(a, width, store); });
         int status = call_row(r);
         counted.flush();
         fault::reset();

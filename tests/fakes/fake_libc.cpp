@@ -4,6 +4,7 @@
 // unless the script says otherwise.
 #include <dlfcn.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <deque>
 #include <mutex>
@@ -21,8 +22,11 @@ std::vector<range> blocks;
 std::vector<range> locks;
 std::vector<range> unlocks;
 std::deque<long> lrand48_script;
+std::deque<double> drand48_script;
 int lrand48_count;
 int drand48_count;
+bool mlock_fails;
+bool munlock_fails;
 // Made on first use: a constructor of another file (the fault planting of a
 // whole-run binary) may set it before this file's globals are initialised.
 std::function<void(void *, size_t)> &observer()
@@ -49,8 +53,10 @@ void reset_libc()
     locks.clear();
     unlocks.clear();
     lrand48_script.clear();
+    drand48_script.clear();
     lrand48_count = 0;
     drand48_count = 0;
+    mlock_fails = munlock_fails = false;
     observer() = nullptr;
 }
 
@@ -60,11 +66,18 @@ void fail_memalign(int first, int count)
     memalign_fail_count = count;
 }
 
+void fail_mlock(bool lock, bool unlock)
+{
+    mlock_fails = lock;
+    munlock_fails = unlock;
+}
+
 int memalign_calls() { return memalign_count; }
 std::vector<range> memalign_results() { return blocks; }
 std::vector<range> mlock_calls() { return locks; }
 std::vector<range> munlock_calls() { return unlocks; }
 void script_lrand48(const std::vector<long> &draws) { lrand48_script.assign(draws.begin(), draws.end()); }
+void script_drand48(const std::vector<double> &draws) { drand48_script.assign(draws.begin(), draws.end()); }
 int lrand48_calls() { return lrand48_count; }
 int drand48_calls() { return drand48_count; }
 void on_memalign(std::function<void(void *, size_t)> callback) { observer() = std::move(callback); }
@@ -96,6 +109,10 @@ int mlock(const void *address, size_t length)
     static auto real = next<int (*)(const void *, size_t)>("mlock");
     std::lock_guard<std::recursive_mutex> hold(lock);
     locks.push_back({const_cast<void *>(address), length});
+    if (mlock_fails) {
+        errno = ENOMEM;
+        return -1;
+    }
     return real(address, length);
 }
 
@@ -104,6 +121,11 @@ int munlock(const void *address, size_t length)
     static auto real = next<int (*)(const void *, size_t)>("munlock");
     std::lock_guard<std::recursive_mutex> hold(lock);
     unlocks.push_back({const_cast<void *>(address), length});
+    if (munlock_fails) {
+        real(address, length);  // undone all the same, so nothing stays locked
+        errno = ENOMEM;
+        return -1;
+    }
     return real(address, length);
 }
 
@@ -124,7 +146,11 @@ double drand48(void)
     static auto real = next<double (*)(void)>("drand48");
     std::lock_guard<std::recursive_mutex> hold(lock);
     drand48_count++;
-    return real();
+    if (drand48_script.empty())
+        return real();
+    double draw = drand48_script.front();
+    drand48_script.pop_front();
+    return draw;
 }
 
 // Not slept: the driver's pauses would only slow the tests.

@@ -10,9 +10,11 @@ extern "C" void __libc_free(void *);
 namespace {
 void (*free_observer)(void *) = nullptr;
 thread_local bool observing = false;  // the observer's own frees are not shown to it
+bool keeping = false;
 }  // namespace
 
 void fake::on_free(void (*observer)(void *block)) { free_observer = observer; }
+void fake::keep_freed_blocks() { keeping = true; }
 
 extern "C" void free(void *block)
 {
@@ -21,5 +23,6 @@ extern "C" void free(void *block)
         free_observer(block);
         observing = false;
     }
-    __libc_free(block);
+    if (!keeping)
+        __libc_free(block);
 }

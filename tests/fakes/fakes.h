@@ -66,12 +66,19 @@ struct range {
 };
 std::vector<range> memalign_results();  // every non-null block handed out
 std::vector<range> mlock_calls();
+// From now on every mlock fails (ENOMEM) without locking, or every munlock
+// reports a failure (ENOMEM) though the pages are unlocked all the same.
+void fail_mlock(bool lock, bool unlock);
 std::vector<range> munlock_calls();
 // Calls the observer with every block freed from now on, before it is freed
 // (only in tests linked with fake_malloc); nullptr stops.
 void on_free(void (*observer)(void *block));
+// From now on nothing is freed, so no address is handed out twice (only in
+// tests linked with fake_malloc).
+void keep_freed_blocks();
 // Scripted draws, used first; the real generator afterwards.
 void script_lrand48(const std::vector<long> &draws);
+void script_drand48(const std::vector<double> &draws);
 int lrand48_calls();
 int drand48_calls();
 // Called with every block memalign hands out (the fault model plants here).

@@ -55,7 +55,7 @@ void plant(const planted &f)
     }
 }
 
-std::function<void(const void *, unsigned, bool)> watcher;
+access_watch watcher;
 
 bool in_word(uintptr_t byte, uintptr_t word) { return byte >= word && byte < word + 4; }
 
@@ -126,7 +126,7 @@ void in_allocation(int nth, std::function<void(char *, size_t)> plant, int cpu)
     });
 }
 
-void on_access(std::function<void(const void *, unsigned, bool)> watch) { watcher = std::move(watch); }
+void on_access(access_watch watch) { watcher = std::move(watch); }
 
 }  // namespace fault
 
@@ -134,20 +134,20 @@ using namespace fault;
 
 uint64_t l2_fault_load(const void *addr, unsigned width)
 {
-    if (watcher)
-        watcher(addr, width, false);
     uint64_t value = 0;
     for (unsigned i = 0; i < width; i++) {
         uintptr_t cell = physical(reinterpret_cast<uintptr_t>(addr) + i);
         value |= static_cast<uint64_t>(with_stuck_bits(cell, cell_at(cell))) << (8 * i);
     }
+    if (watcher)
+        watcher(addr, width, false, value);
     return value;
 }
 
 void l2_fault_store(void *addr, unsigned width, uint64_t value)
 {
     if (watcher)
-        watcher(addr, width, true);
+        watcher(addr, width, true, value);
     std::vector<const planted *> disturbed;
     for (unsigned i = 0; i < width; i++) {
         uintptr_t cell = physical(reinterpret_cast<uintptr_t>(addr) + i);

@@ -6,6 +6,7 @@
 #define TARNEL_TESTS_FAULT_MODEL_H
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <span>
 
@@ -28,9 +29,11 @@ void coupling(void *aggressor, void *victim, int bit);
 // (a bound worker's).
 void in_allocation(int nth, std::function<void(char *block, size_t length)> plant, int cpu = -1);
 // Calls `watch` with the address (as the program named it, before any
-// alias), the width and the direction of every access from now on, until
-// reset(); for measuring which words a subtest touches.
-void on_access(std::function<void(const void *address, unsigned width, bool store)> watch);
+// alias), the width, the direction and the value (stored, or loaded) of
+// every access from now on, until reset(); for measuring which words a
+// subtest touches and recording what it writes.
+using access_watch = std::function<void(const void *address, unsigned width, bool store, uint64_t value)>;
+void on_access(access_watch watch);
 
 }  // namespace fault
 
