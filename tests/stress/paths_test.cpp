@@ -127,6 +127,53 @@ TEST_F(subtest_paths, allocation_attempts_statuses_and_draws)
     }
 }
 
+// Every buffer's lock and unlock failure texts, each where the test says
+// it, and none for a lock that succeeded.
+TEST_F(subtest_paths, lock_and_unlock_failure_texts_of_every_buffer)
+{
+    const std::string l2 = "0 8 l2cache: ", morvan = "0 8 morvantest: ", selvo = "0 8 selvotest: ";
+    const struct {
+        const char *name;
+        std::function<int()> run;
+        strings lock_failed, unlock_failed;
+    } buffers[] = {
+        {"wrrdvr (never locked)", wrrdvr, {"0 7 -: #3"}, {"0 7 -: #3"}},
+        {"hit", hit,
+         {l2 + "basic_dtype, ulong mlock failed!!\n", l2 + "l2cachehit_wrrdwr, mlock failed!!\n",
+          l2 + "derived_dtype mlock failed!!\n", l2 + "cache_miss mlock failed!!\n"},
+         {l2 + "basic_dtype munlock failure!!\n", l2 + "l2cachehit_wrrdwr: munlock failed!!\n",
+          l2 + "derived_dtype munlock failed!!\n", l2 + "cache_miss munlock failed!!\n"}},
+        {"miss", miss, {l2 + "cache_miss mlock failed!!\n", l2 + "cache_miss mlock failed in fp!!\n"},
+         {l2 + "cache_miss munlock failed!!\n", l2 + "cache_miss munlock failed in fp!!\n"}},
+        {"swap", swap,
+         {"0 7 -: #6", morvan + "random loop chunk1 mlock failed!!\n", morvan + "random loop chunk2 mlock failed!!\n",
+          "0 7 -: #8"},
+         {"0 7 -: #6", "0 7 -: #8", morvan + "random loop chunk1 munlock failed!!\n",
+          morvan + "random loop chunk2 munlock failed!!\n"}},
+        {"rows", rows, {row_name, "0 7 -: #9", "0 7 -: #10"},
+         {row_name, "0 7 -: #9", l2 + "cache_miss munlock failed!!\n", "0 7 -: #10"}},
+        {"columns", columns, {column_name, "0 7 -: #11", "0 7 -: #12"},
+         {column_name, "0 7 -: #11", l2 + "cache_miss munlock failed!!\n", "0 7 -: #12"}},
+        {"line march", line_march, {"0 7 -: #13", morvan + "cache_miss mlock failed!!\n", "0 7 -: #14"},
+         {"0 7 -: #13", "0 7 -: #14", morvan + "cache_miss munlock failed!!\n"}},
+        {"variable march", variable_march, {"0 7 -: #17", morvan + "cache_miss mlock failed!!\n", "0 7 -: #18"},
+         {"0 7 -: #17", "0 7 -: #18", morvan + "cache_miss munlock failed!!\n"}},
+        {"interconnect", interconnect(1024, 1), {"0 7 -: #19", selvo + "cache_miss mlock failed!!\n", "0 7 -: #20"},
+         {"0 7 -: #19", selvo + "cache_miss munlock failed!!\n", "0 7 -: #20"}},
+    };
+    for (const auto &row : buffers) {
+        SetUp();
+        fake::fail_mlock(true, false);
+        EXPECT_EQ(row.run(), 0) << row.name;
+        EXPECT_EQ(message_log(), row.lock_failed) << row.name << ": every lock fails";
+        EXPECT_TRUE(fake::munlock_calls().empty()) << row.name << ": nothing unlocked that was not locked";
+        SetUp();
+        fake::fail_mlock(false, true);
+        EXPECT_EQ(row.run(), 0) << row.name;
+        EXPECT_EQ(message_log(), row.unlock_failed) << row.name << ": every unlock fails";
+    }
+}
+
 // The random swap test unlocks chunk1, then chunk2, and only then frees
 // either: a buffer is never freed while the other is still locked.
 std::vector<size_t> unlocks_before_free;

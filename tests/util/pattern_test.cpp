@@ -35,32 +35,30 @@ words groups(const words &values, int run)
 // `run` words of v, then `run` of ~v, repeated over 16 words.
 words runs(uint32_t v, int run) { return groups({v, ~v}, run); }
 
-TEST(update_pattern, layouts_of_every_mode)
+// Modes 1 to 10 over 16 words are in the variable-stride march's record;
+// here the block lengths and modes no march uses.
+TEST(update_pattern, other_lengths_and_unknown_modes)
 {
     const uint32_t v = 0x12345678;
-    for (int32_t mode : {1, 2, 3, 4})
-        EXPECT_EQ(built(v, 16, mode), runs(v, 1 << (mode - 1))) << "mode " << mode;
-    const uint32_t masks[] = {0xFFFFFFFF, 0x0000FFFF, 0x00FF00FF, 0x0F0F0F0F, 0x33333333, 0x55555555};
-    for (int32_t mode = 5; mode <= 10; mode++)
-        EXPECT_EQ(built(v, 16, mode), words(16, v ^ masks[mode - 5])) << "mode " << mode;
     for (int32_t mode : {0, 11, 255, -1})  // unknown modes alternate like mode 1
         EXPECT_EQ(built(v, 16, mode), runs(v, 1)) << "mode " << mode;
+    EXPECT_EQ(built(v, 5, 1, 6), (words{v, ~v, v, ~v, v, untouched}));  // an odd last word keeps v
+    EXPECT_EQ(built(v, 12, 4), (words{v, v, v, v, v, v, v, v, v, v, v, v, untouched, untouched, untouched,
+                                      untouched}));  // no whole group of 16
+    EXPECT_EQ(built(v, 12, 3, 12), (words{v, v, v, v, ~v, ~v, ~v, ~v, v, v, v, v}));
+    EXPECT_EQ(built(v, 0, 5), words(16, untouched));
+    EXPECT_EQ(built(v, -3, 1), words(16, untouched));
 }
 
 TEST(sso_pattern, blocks_from_scripted_draws)
 {
-    const uint32_t bm = 0xFFF7FFF7;  // 35 % 16 = bit 3, 7 % 2 = base ones: B XOR M
+    // The 16-bit bus with 128- and 256-bit lines, the interconnect test's, is
+    // in its record; here the other widths.
     const struct {
         int32_t bus, line;
         std::vector<long> draws;
         words block;
     } rows[] = {
-        {16, 128, {0, 0, 0}, groups({0x00010001, 0xFFFEFFFE}, 4)},
-        {16, 128, {35, 7, 4}, groups({bm, ~bm}, 4)},  // 4 % 2 = mode 0
-        {16, 128, {35, 7, 5}, groups({bm, 0}, 4)},
-        {16, 256, {35, 7, 4}, groups({bm, ~bm}, 8)},
-        {16, 256, {35, 7, 5}, groups({bm, 0}, 8)},
-        {16, 256, {15, 0, 1}, groups({0x80008000, 0xFFFFFFFF}, 8)},
         // A 512-bit line has no odd group, whatever the mode.
         {16, 512, {2, 1, 0}, words(16, 0xFFFBFFFB)},
         {16, 512, {2, 1, 1}, words(16, 0xFFFBFFFB)},
@@ -76,11 +74,34 @@ TEST(sso_pattern, blocks_from_scripted_draws)
     for (const auto &row : rows) {
         fake::reset();
         fake::script_lrand48(row.draws);
-        words block(PATTERN_WORDS, untouched);
+        words block(PATTERN_WORDS + 1, untouched);  // a guard word past the block
         EXPECT_EQ(getSSOPattern(block.data(), PATTERN_WORDS, row.bus, row.line), 0);
+        EXPECT_EQ(block.back(), untouched) << "written past the block";
+        block.pop_back();
         EXPECT_EQ(block, row.block) << row.bus << "-bit bus, " << row.line << "-bit line, draws " << row.draws[0]
                                     << " " << row.draws[1] << " " << row.draws[2];
         EXPECT_EQ(fake::lrand48_calls(), 3);
+    }
+}
+
+// Refused: nothing drawn, nothing written, -1. Widths are checked as signed
+// numbers, and a bus wider than a word has no walking-bit seed.
+TEST(sso_pattern, refused_arguments)
+{
+    const struct {
+        int32_t n, bus, line;
+    } refused[] = {
+        {15, 16, 128}, {17, 16, 128}, {0, 16, 128}, {-16, 16, 128},  // the count is 16
+        {16, 24, 128}, {16, 8, 128},  {16, 0, 128}, {16, -16, 128},  // a bus of the six widths
+        {16, 64, 128}, {16, 512, 512},                               // none wider than a word
+        {16, 32, 16},  {16, 16, 8},   {16, 16, 96}, {16, 16, 1024},  // a line of the six, not below the bus
+    };
+    for (const auto &r : refused) {
+        fake::reset();
+        words block(PATTERN_WORDS + 1, untouched);
+        EXPECT_EQ(getSSOPattern(block.data(), r.n, r.bus, r.line), -1) << r.n << " " << r.bus << " " << r.line;
+        EXPECT_EQ(block, words(PATTERN_WORDS + 1, untouched)) << r.n << " " << r.bus << " " << r.line;
+        EXPECT_EQ(fake::lrand48_calls(), 0) << r.n << " " << r.bus << " " << r.line;
     }
 }
 
