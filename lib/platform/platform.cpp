@@ -9,6 +9,7 @@
 
 #include <pthread.h>
 #include <sched.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -71,14 +72,24 @@ struct launch {
     size_t entry;
 };
 
+long long monotonic_ms()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+}
+
 void record_exit(void *status)
 {
     if (own_entry == 0)
         return;
     std::lock_guard<std::mutex> hold(threads_lock);
     platform_thread &self = started_threads()[own_entry - 1];
+    if (self.exited)
+        return;
     self.exited = 1;
     self.status = reinterpret_cast<intptr_t>(status);
+    self.ended_ms = monotonic_ms();
 }
 
 void *run_thread(void *argument)
@@ -213,7 +224,8 @@ int thr_create(void *stack_base, size_t stack_size, void *(*start)(void *), void
         unsigned int thread_id = new_thread_id();
         // The entry exists before the thread runs; the thread waits for
         // this lock before it fills in its kernel id.
-        started_threads().push_back({thread_id, 0, NOT_BOUND, 0, 0});
+        started_threads().push_back(
+            {thread_id, 0, NOT_BOUND, 0, 0, reinterpret_cast<intptr_t>(arg), monotonic_ms(), 0});
         auto *handed = new launch{start, arg, started_threads().size()};
         pthread_t thread;
         error = pthread_create(&thread, &attributes, run_thread, handed);

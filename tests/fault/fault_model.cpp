@@ -1,6 +1,7 @@
 #include "fault_model.h"
 
 #include <sched.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
@@ -15,7 +16,7 @@
 namespace fault {
 namespace {
 
-enum kind { STUCK, LOST, ALIAS, COUPLING };
+enum kind { STUCK, LOST, ALIAS, COUPLING, STALL };
 
 struct planted {
     kind what;
@@ -90,10 +91,14 @@ volatile uint8_t &cell_at(uintptr_t cell) { return *reinterpret_cast<volatile ui
 
 }  // namespace
 
+// Every planting asked for, each with its own count of blocks seen.
+std::vector<std::function<void(void *, size_t)>> plantings;
+
 void reset()
 {
     fault_count = 0;
     watcher = nullptr;
+    plantings.clear();
     fake::on_memalign(nullptr);
 }
 
@@ -114,15 +119,21 @@ void coupling(void *aggressor, void *victim, int bit)
     plant({COUPLING, reinterpret_cast<uintptr_t>(aggressor), bit, 0, reinterpret_cast<uintptr_t>(victim)});
 }
 
+void stall(void *word) { plant({STALL, reinterpret_cast<uintptr_t>(word), 0, 0, 0}); }
+
 void in_allocation(int nth, std::function<void(char *, size_t)> plant, int cpu)
 {
     auto seen = std::make_shared<std::atomic<int>>(0);
-    fake::on_memalign([nth, seen, plant, cpu](void *block, size_t length) {
+    plantings.push_back([nth, seen, plant, cpu](void *block, size_t length) {
         if ((cpu < 0 || sched_getcpu() == cpu) && (*seen)++ == nth) {
             planting_for = cpu;
             plant(static_cast<char *>(block), length);
             planting_for = -1;
         }
+    });
+    fake::on_memalign([](void *block, size_t length) {
+        for (const auto &planting : plantings)
+            planting(block, length);
     });
 }
 
@@ -132,8 +143,19 @@ void on_access(access_watch watch) { watcher = std::move(watch); }
 
 using namespace fault;
 
+// A stalled word holds its accessor for ever.
+void stall_if_stalled(const void *addr, unsigned width)
+{
+    auto first = reinterpret_cast<uintptr_t>(addr);
+    for (const planted &f : faults())
+        if (f.what == STALL && first < f.word + 4 && first + width > f.word && shows(f))
+            for (;;)
+                pause();
+}
+
 uint64_t l2_fault_load(const void *addr, unsigned width)
 {
+    stall_if_stalled(addr, width);
     uint64_t value = 0;
     for (unsigned i = 0; i < width; i++) {
         uintptr_t cell = physical(reinterpret_cast<uintptr_t>(addr) + i);
@@ -146,6 +168,7 @@ uint64_t l2_fault_load(const void *addr, unsigned width)
 
 void l2_fault_store(void *addr, unsigned width, uint64_t value)
 {
+    stall_if_stalled(addr, width);
     if (watcher)
         watcher(addr, width, true, value);
     std::vector<const planted *> disturbed;

@@ -23,10 +23,12 @@ void lost_write(void *word);
 void alias(void *word, void *other);
 // A store to the aggressor word flips a bit of the victim word.
 void coupling(void *aggressor, void *victim, int bit);
+// An access to the word never ends, as on a processor that stopped.
+void stall(void *word);
 // Calls `plant` with the nth block (0 = the next) that memalign hands out
 // from now on, so a test can place a fault in a buffer a subtest allocates;
 // with a processor, only blocks allocated by threads running on it count
-// (a bound worker's).
+// (a bound worker's). Each call adds a planting of its own.
 void in_allocation(int nth, std::function<void(char *block, size_t length)> plant, int cpu = -1);
 // Calls `watch` with the address (as the program named it, before any
 // alias), the width, the direction and the value (stored, or loaded) of

@@ -1,7 +1,10 @@
 // The whole program with a faulty memory word, for end-to-end runs through
 // the real harness: TARNEL_FAULT=<kind>,<cpu>,<allocation>,<byte offset>[,<bit>]
 // plants a fault (kind stuck0, stuck1 or lost) in the given word of the nth
-// block (0 = the first) that the worker bound to processor <cpu> allocates.
+// block (0 = the first) that the worker bound to processor <cpu> allocates;
+// kind hang stops that worker at that word for ever, as a stuck processor
+// would.
+// Several faults are separated by ';'.
 // A position outside that block, or a fault the run never planted, ends
 // the run with status 2 and says why: a run that tested no fault must not
 // pass as a proof.
@@ -28,35 +31,43 @@ std::atomic<bool> planted{false};
     _exit(2);
 }
 
-__attribute__((constructor)) void plant_from_environment()
+void plant(const char *spec)
 {
-    const char *spec = getenv("TARNEL_FAULT");
-    if (spec == nullptr)
-        return;
     char kind[16] = {};
     int cpu = -1, allocation = -1, bit = 0;
     unsigned long long offset = 0;
     int fields = sscanf(spec, "%15[a-z01],%d,%d,%llu,%d", kind, &cpu, &allocation, &offset, &bit);
     bool stuck = strcmp(kind, "stuck0") == 0 || strcmp(kind, "stuck1") == 0;
-    if (fields < 4 || cpu < 0 || allocation < 0 || bit < 0 || bit > 31 || (!stuck && strcmp(kind, "lost") != 0))
-        refuse("expected <stuck0|stuck1|lost>,<cpu>,<allocation>,<byte offset>[,<bit>]");
+    bool hang = strcmp(kind, "hang") == 0;
+    if (fields < 4 || cpu < 0 || allocation < 0 || bit < 0 || bit > 31 ||
+        (!stuck && !hang && strcmp(kind, "lost") != 0))
+        refuse("expected <stuck0|stuck1|lost|hang>,<cpu>,<allocation>,<byte offset>[,<bit>]");
     asked = true;
     fault::in_allocation(
         allocation,
-        [stuck, value = kind[5] == '1', offset, bit, cpu, allocation](char *block, size_t length) {
+        [stuck, hang, value = kind[5] == '1', offset, bit, cpu, allocation](char *block, size_t length) {
             if (offset + 4 > length) {
                 char why[160];
                 snprintf(why, sizeof why, "byte offset %llu is outside block %d of cpu%d (%zu bytes)", offset,
                          allocation, cpu, length);
                 refuse(why);
             }
-            if (stuck)
+            if (hang)
+                fault::stall(block + offset);
+            else if (stuck)
                 fault::stuck_at(block + offset, bit, value);
             else
                 fault::lost_write(block + offset);
             planted = true;
         },
         cpu);
+}
+
+__attribute__((constructor)) void plant_from_environment()
+{
+    const char *spec = getenv("TARNEL_FAULT");
+    for (; spec != nullptr; spec = strchr(spec, ';') != nullptr ? strchr(spec, ';') + 1 : nullptr)
+        plant(spec);
 }
 
 }  // namespace

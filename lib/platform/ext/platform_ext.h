@@ -30,6 +30,9 @@ struct platform_thread {
     int processor;        // its last successful processor_bind, or -1
     int exited;           // 1 once it called thr_exit or returned
     intptr_t status;      // its exit status, once exited
+    intptr_t arg;         // the argument its start routine was given
+    long long started_ms; // when it was created, and when it ended (0
+    long long ended_ms;   // until then): CLOCK_MONOTONIC milliseconds
 };
 
 // Fills at most capacity entries, in the order the threads were created,
