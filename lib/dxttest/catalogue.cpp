@@ -37,7 +37,7 @@ namespace {
     X(MSG_CPC_ENABLED, "Performance counters asked for (cpc=Enabled); they stay off on this platform")                \
     X(MSG_GEOMETRY_DEFAULTS, "%s failed on cpu %d (return code %d); testing with default geometry. %s", "", 0, 0, "") \
     X(MSG_USAGE, "usage: %s [-o SUBOPTIONS] [-v | -q] [-d] [--json] [--duration TIME] [--runs N] "                    \
-                 "[--keep-going] [-h] [--version]", "")                                                               \
+                 "[--keep-going] [--timeout TIME] [--retest N] [-h] [--version]", "")                                                               \
     X(MSG_WRRDVR_NO_MEMORY, "Write/Read/Verify test could not allocate its buffer")                                   \
     X(MSG_NO_MEMORY, "Could not allocate a test buffer")                                                              \
     X(MSG_BIND_FAILED, "Could not bind the worker thread to cpu %d: %s", 0, "")                                       \
@@ -80,16 +80,20 @@ void trim_end(char *text)
 // 4001) and so never ends a worker at all; tests that only make traffic
 // never end one with -1.
 constexpr subtest sequence[] = {
-    {"Write/Read/Verify", TEST_WRRDVR, MSG_WRRDVR_START, 0, false, false},
-    {"Cache Hit Stress", TEST_CACHE_HIT, 0, 0, true, false},
-    {"Cache Miss Stress", TEST_CACHE_MISS, 0, 0, false, true},
-    {"Random Swap", TEST_RANDOM_SWAP, MSG_SWAP_START, MSG_SWAP_END, false, true},
-    {"CPU-cache interconnect", TEST_INTERCONNECT, MSG_INTERCONNECT_START, MSG_INTERCONNECT_END, false, true},
-    {"30N March with variable stride length", TEST_MARCHES, MSG_MARCH_VAR_START, MSG_MARCH_VAR_END, false, true},
-    {"30N March with line-length striding", TEST_MARCHES, MSG_MARCH_LINE_START, MSG_MARCH_LINE_END, false, true},
-    {"March with row striding", TEST_MARCHES, MSG_ROW_MARCH_START, MSG_ROW_MARCH_END, true, true},
-    {"March with column striding", TEST_MARCHES, MSG_COL_MARCH_START, MSG_COL_MARCH_END, true, true},
-    {"Random Offset", TEST_RANDOM_OFFSET, 0, 0, true, true},
+    {"Write/Read/Verify", TEST_WRRDVR, MSG_WRRDVR_START, 0, false, false, false},
+    {"Cache Hit Stress", TEST_CACHE_HIT, 0, 0, true, false, false},
+    {"Cache Miss Stress", TEST_CACHE_MISS, 0, 0, false, true, false},
+    {"Random Swap", TEST_RANDOM_SWAP, MSG_SWAP_START, MSG_SWAP_END, false, true, false},
+    {"CPU-cache interconnect", TEST_INTERCONNECT, MSG_INTERCONNECT_START, MSG_INTERCONNECT_END, false, true, false},
+    {"30N March with variable stride length", TEST_MARCHES, MSG_MARCH_VAR_START, MSG_MARCH_VAR_END, false, true,
+     false},
+    {"30N March with line-length striding", TEST_MARCHES, MSG_MARCH_LINE_START, MSG_MARCH_LINE_END, false, true,
+     false},
+    // The row- and column-striding marches release their buffer and say
+    // their end message before they return a miscompare.
+    {"March with row striding", TEST_MARCHES, MSG_ROW_MARCH_START, MSG_ROW_MARCH_END, true, true, true},
+    {"March with column striding", TEST_MARCHES, MSG_COL_MARCH_START, MSG_COL_MARCH_END, true, true, true},
+    {"Random Offset", TEST_RANDOM_OFFSET, 0, 0, true, true, false},
 };
 
 // What each bit of test_mask selects, for the usage.
@@ -218,6 +222,13 @@ std::string usage_details(const char *options_text)
         "\n      --runs N   burn-in of N runs (with --duration, whichever limit comes first)"
         "\n      --keep-going"
         "\n                 go on past runs that found a fault (never past one that could not test)"
+        "\n      --timeout TIME"
+        "\n                 a run still going after TIME has hung (exit status 4; default 1h);"
+        "\n                 so has a worker still going 10 times as long as the slowest other"
+        "\n                 one took, at least 60 s, once all the others have finished"
+        "\n      --retest N after a run that found a fault, run the failing subtest N more"
+        "\n                 times on each failing processor alone and on each processor"
+        "\n                 that shares its L2, alone"
         "\n  -h, --help     show this usage and exit"
         "\n      --version  show the test's version and exit"
         "\nsub-options:";
@@ -242,9 +253,10 @@ std::string usage_details(const char *options_text)
         "\n                 accepted for compatibility; no subtest reads them"
         "\nexit status: 0 passed, 1 a fault was found, 2 usage error or rejected sub-options,"
         "\n             3 the run could not test (a processor left untested, no subtest"
-        "\n             selected, lost output), 128+N interrupted by signal N; for a"
-        "\n             burn-in: 0 every run passed, 1 a run found a fault, 3 a run could"
-        "\n             not test and none found a fault"
+        "\n             selected, lost output), 4 a worker hung (see --timeout),"
+        "\n             128+N interrupted by signal N; for a burn-in: 0 every run passed,"
+        "\n             1 a run found a fault, 4 a run hung and none found a fault, 3 a run"
+        "\n             could not test and none found a fault or hung"
         "\nWith --json the last line is the verdict record (of the burn-in, for a burn-in);"
         "\nsee tarneltest(1).";
     return details;
@@ -303,6 +315,7 @@ constexpr verdict_kind verdict_kinds[] = {
     {exit_fault_found, "FAIL", "fault", "a fault was found"},
     {exit_usage, "USAGE ERROR", "usage", "the command line or the sub-options were rejected"},
     {exit_could_not_test, "COULD NOT TEST", "could-not-test", "the run could not test this machine"},
+    {exit_hung, "HUNG", "hung", "a worker stopped making progress"},
 };
 constexpr verdict_kind interrupted = {exit_signal_base, "INTERRUPTED", "interrupted", "interrupted by a signal"};
 constexpr verdict_kind ended = {-1, "ENDED", "ended", "the run ended"};

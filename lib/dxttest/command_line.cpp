@@ -1,6 +1,7 @@
 // The harness's command line:
 //   tarneltest [-o SUBOPTIONS] [-v | -q] [-d] [--json]
-//              [--duration TIME] [--runs N] [--keep-going] [-h] [--version]
+//              [--duration TIME] [--runs N] [--keep-going] [--timeout TIME]
+//              [--retest N] [-h] [--version]
 // Only the -o texts belong to the test; everything else is the harness's.
 #include <getopt.h>
 
@@ -16,6 +17,8 @@ enum long_only_option {
     opt_duration,
     opt_runs,
     opt_keep_going,
+    opt_timeout,
+    opt_retest,
 };
 
 const option long_options[] = {
@@ -29,6 +32,8 @@ const option long_options[] = {
     {"duration", required_argument, nullptr, opt_duration},
     {"runs", required_argument, nullptr, opt_runs},
     {"keep-going", no_argument, nullptr, opt_keep_going},
+    {"timeout", required_argument, nullptr, opt_timeout},
+    {"retest", required_argument, nullptr, opt_retest},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -36,6 +41,7 @@ const option long_options[] = {
 // milliseconds the burn-in counts in.
 constexpr long long max_seconds = 100LL * 366 * 24 * 3600;
 constexpr long long max_runs = 1000000000;
+constexpr long long max_retests = 1000;
 
 // Digits and an optional unit (s, m or h; for runs none), positive and at
 // most `limit` once multiplied out; 0 for anything else.
@@ -100,17 +106,35 @@ command_line parse_command_line(int argc, char **argv)
             version = true;
             break;
         case opt_duration:
-        case opt_runs: {
-            bool time = c == opt_duration;
-            long long amount = positive_amount(optarg, time, time ? max_seconds : max_runs);
+        case opt_timeout:
+        case opt_runs:
+        case opt_retest: {
+            bool time = c == opt_duration || c == opt_timeout;
+            const char *name = c == opt_duration  ? "--duration"
+                               : c == opt_timeout ? "--timeout"
+                               : c == opt_runs    ? "--runs"
+                                                  : "--retest";
+            long long amount =
+                positive_amount(optarg, time, time ? max_seconds : c == opt_runs ? max_runs : max_retests);
             if (amount == 0) {
                 result.action = command_action::error;
-                result.error = time ? std::string("--duration needs a time above zero, in seconds or with a unit "
-                                                  "(90, 45s, 30m, 2h), not '") + optarg + "'"
-                                    : std::string("--runs needs a number of runs above zero, not '") + optarg + "'";
+                // Say the real bounds: a number too large is no "zero".
+                long long most = time ? max_seconds / 3600 : c == opt_runs ? max_runs : max_retests;
+                result.error = std::string(name) +
+                               (time ? " needs a time above zero and at most " + std::to_string(most) +
+                                           "h, in seconds or with a unit (90, 45s, 30m, 2h), not '"
+                                     : " needs a number from 1 to " + std::to_string(most) + ", not '") +
+                               optarg + "'";
                 return result;
             }
-            (time ? result.burn_in_seconds : result.burn_in_runs) = amount;
+            if (c == opt_duration)
+                result.burn_in_seconds = amount;
+            else if (c == opt_timeout)
+                result.timeout_seconds = amount;
+            else if (c == opt_runs)
+                result.burn_in_runs = amount;
+            else
+                result.retests = static_cast<int>(amount);
             break;
         }
         case opt_keep_going:

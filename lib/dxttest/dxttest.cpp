@@ -32,6 +32,7 @@
 #include "testinfo.h"
 #include "platform_ext.h"
 #include "verdict.h"
+#include "watchdog.h"
 
 const char *test_name;
 const char *device_name;
@@ -49,6 +50,7 @@ const char *options_text = "";
 timespec started;
 std::string subopts;  // the parser's text; it may keep pointers into it
 std::string given_options;  // the -o text as given, for the verdict
+long long timeout_ms = dxt::default_timeout_seconds * 1000;  // the watchdog's limit
 
 // What test_init learned before the run; never freed, since workers may
 // still run while the process ends.
@@ -298,9 +300,46 @@ std::optional<dxt::l2_geometry> note_report(int number, const char *tag, va_list
 
 bool on_main_thread() { return gettid() == getpid(); }
 
+// Every thread the platform started for the program, in creation order.
+std::vector<platform_thread> all_threads()
+{
+    std::vector<platform_thread> threads(static_cast<size_t>(platform_threads(nullptr, 0)));
+    threads.resize(static_cast<size_t>(platform_threads(threads.data(), static_cast<int>(threads.size()))));
+    return threads;
+}
+
+// The processor a worker thread tests: the program starts each worker with
+// its processor id as the argument, so this is known before the worker binds
+// itself, and stays so when the binding fails. -1 for any other thread.
+int processor_of(const platform_thread &t) { return static_cast<int>(t.arg); }
+
+int worker_processor()
+{
+    thread_local int cpu = -2;  // -2: not looked up yet
+    if (cpu == -2) {
+        cpu = -1;
+        int tid = static_cast<int>(gettid());
+        for (const platform_thread &t : all_threads())
+            if (t.tid == tid)
+                cpu = processor_of(t);
+    }
+    return cpu;
+}
+
+// Where a message's line says it comes from: the main thread, a worker's
+// processor, or where any other thread runs.
+int reporting_processor()
+{
+    int cpu = on_main_thread() ? -1 : worker_processor();
+    return cpu >= 0 ? cpu : sched_getcpu();
+}
+
 // A verdict with what every verdict of this run carries.
+std::span<const dxt::left_out_processor> lost_so_far() { return {lost, static_cast<size_t>(lost_count.load())}; }
+
 dxt::verdict_record run_record(long long time, int status, const dxt::text_buffer &text, int cpu,
-                               std::span<const dxt::failure_site> failures, const dxt::corrected_check &corrected)
+                               std::span<const dxt::failure_site> failures, const dxt::corrected_check &corrected,
+                               std::span<const dxt::left_out_processor> left_out = lost_so_far())
 {
     return {time,
             status,
@@ -311,7 +350,7 @@ dxt::verdict_record run_record(long long time, int status, const dxt::text_buffe
             failures,
             corrected,
             host_name,
-            {lost, static_cast<size_t>(lost_count.load())},
+            left_out,
             given_options,
             dxt_test_version,
             {announced, static_cast<size_t>(announced_count.load())}};
@@ -374,7 +413,7 @@ dxt::subtest_set subtests_of(const worker_progress *p, bool main_thread, bool st
 dxt::failure_site own_failure(int number)
 {
     dxt::failure_site site;
-    site.cpu = platform_bound_processor();
+    site.cpu = worker_processor() >= 0 ? worker_processor() : platform_bound_processor();
     site.message = number;
     int named = dxt::subtest_ending_with(number);
     if (named >= 0) {
@@ -387,23 +426,21 @@ dxt::failure_site own_failure(int number)
 
 // The workers the platform saw end with a non-zero status, after the join
 // that found them (8011), each with its processor and subtest.
-std::vector<dxt::failure_site> failed_workers()
+std::vector<dxt::failure_site> failed_workers(bool none_is_unknown = true)
 {
-    std::vector<platform_thread> threads(static_cast<size_t>(platform_threads(nullptr, 0)));
-    threads.resize(static_cast<size_t>(platform_threads(threads.data(), static_cast<int>(threads.size()))));
     std::vector<dxt::failure_site> sites;
-    for (const platform_thread &t : threads) {
+    for (const platform_thread &t : all_threads()) {
         if (!t.exited || t.status == 0)
             continue;
         dxt::failure_site site;
-        site.cpu = t.processor;
+        site.cpu = processor_of(t);
         site.message = MSG_WORKERS_FAILED;
         site.status_known = true;
         site.status = t.status;
         site.subtests = subtests_of(progress_of(t.tid), false, true, t.status);
         sites.push_back(site);
     }
-    if (sites.empty()) {
+    if (sites.empty() && none_is_unknown) {
         dxt::failure_site unknown;
         unknown.message = MSG_WORKERS_FAILED;
         sites.push_back(unknown);
@@ -436,6 +473,14 @@ void put_verdict(dxt::text_buffer &out, const dxt::verdict_record &record)
         }
 }
 
+// Room for a verdict that a signal handler assembles.
+dxt::text_buffer signal_buffer(dxt::line_buffer &fallback)
+{
+    if (signal_storage != nullptr)
+        return {signal_storage, signal_capacity, 0};
+    return {fallback.data, fallback.capacity, 0};
+}
+
 // Writes the text as the run's last output and ends the process. After a
 // pass verdict the process is ending anyway: the verdict stands.
 [[noreturn]] void write_last(const dxt::text_buffer &text, int status)
@@ -450,25 +495,106 @@ void put_verdict(dxt::text_buffer &out, const dxt::verdict_record &record)
     end_process(status);
 }
 
+// The processors left out so far and those whose workers had not finished
+// (or not started) when the run ended early: they were not tested, whatever
+// the others found. The failing ones are where a fault was found.
+std::vector<dxt::left_out_processor> left_out_at_end(std::span<const dxt::failure_site> failures)
+{
+    std::span<const dxt::left_out_processor> so_far = lost_so_far();
+    std::vector<dxt::left_out_processor> left(so_far.begin(), so_far.end());
+    if (machine == nullptr)
+        return left;
+    std::vector<platform_thread> threads = all_threads();
+    for (int cpu : machine->tested) {
+        bool failed = std::any_of(failures.begin(), failures.end(), [cpu](const auto &f) { return f.cpu == cpu; });
+        auto worker = std::find_if(threads.begin(), threads.end(), [cpu](const auto &t) { return processor_of(t) == cpu; });
+        if (!failed && !dxt::was_lost(left, cpu) && (worker == threads.end() || !worker->exited))
+            left.push_back({cpu, "cut-short"});
+    }
+    return left;
+}
+
+// How a run ends, unless it passes: the line that ended it (none for an
+// interrupt or a refused command line), the exit status, the verdict's
+// reason and where it failed. A signal handler cannot lock, allocate or
+// read the counters, so its ending leaves out the counters and the
+// processors cut short.
+struct run_end {
+    long long time;
+    int status;
+    std::string_view reason;
+    std::span<const dxt::failure_site> failures = {};
+    int cpu = -1;  // the worker that ended the run; -1: the main thread
+    const dxt::message_fields *lead = nullptr;
+    bool in_handler = false;
+};
+
+// The one way a run ends but a pass: the lead line and the verdict, as the
+// run's last output, and the exit status.
+[[noreturn]] void finish(const run_end &e)
+{
+    dxt::line_buffer reason;
+    put_status_reason(reason, e.reason, e.status, e.failures);
+    if (e.in_handler) {
+        dxt::line_buffer fallback;
+        dxt::text_buffer out = signal_buffer(fallback);
+        if (e.lead != nullptr)
+            dxt::put_message_line(out, *e.lead, display.json);
+        put_verdict(out, run_record(e.time, e.status, reason, e.cpu, e.failures, {}));
+        clear_progress();
+        write_text(output_fd, out);
+        exit_now(e.status);
+    }
+    std::vector<dxt::left_out_processor> left = left_out_at_end(e.failures);
+    dxt::verdict_record record =
+        run_record(e.time, e.status, reason, e.cpu, e.failures, check_corrected_errors(), left);
+    std::vector<char> storage(dxt::line_capacity + dxt::verdict_room(record));
+    dxt::text_buffer out{storage.data(), storage.size()};
+    if (e.lead != nullptr)
+        dxt::put_message_line(out, *e.lead, display.json);
+    put_verdict(out, record);
+    write_last(out, e.status);
+}
+
 [[noreturn]] void end_run(const dxt::message_fields &m)
 {
     int status = dxt::exit_status_of(m.number, m.exit_flag);
     std::vector<dxt::failure_site> failures =
         m.number == MSG_WORKERS_FAILED ? failed_workers() : std::vector<dxt::failure_site>{own_failure(m.number)};
-    dxt::line_buffer reason;
-    put_status_reason(reason, dxt::verdict_reason(status), status, failures);
-    dxt::verdict_record record =
-        run_record(m.time, status, reason, m.main_thread ? -1 : m.cpu, failures, check_corrected_errors());
-    std::vector<char> storage(dxt::line_capacity + dxt::verdict_room(record));
-    dxt::text_buffer out{storage.data(), storage.size()};
-    dxt::put_message_line(out, m, display.json);
-    put_verdict(out, record);
-    write_last(out, status);
+    finish({m.time, status, dxt::verdict_reason(status), failures, m.main_thread ? -1 : m.cpu, &m});
+}
+
+// The watchdog found the run hung: every hung worker with the subtests it
+// can be in; a fault another worker found still decides the status.
+[[noreturn]] void end_hung(const std::vector<platform_thread> &threads, const dxt::hang_finding &found)
+{
+    std::vector<dxt::failure_site> failures = failed_workers(false);
+    bool fault = !failures.empty();
+    for (size_t i : found.threads) {
+        dxt::failure_site site;
+        site.cpu = processor_of(threads[i]);
+        site.hung = true;
+        const worker_progress *p = progress_of(threads[i].tid);
+        site.subtests = subtests_of(p, false, false, 0);
+        // Still running, it may be in the subtest it started last, though
+        // that one says no end.
+        int last = p != nullptr ? p->last_started.load() : -1;
+        if (last >= 0 && !p->ended.load() && (site.subtests.count == 0 || site.subtests.index[0] != last)) {
+            std::copy_backward(site.subtests.index, site.subtests.index + site.subtests.count,
+                               site.subtests.index + site.subtests.count + 1);
+            site.subtests.index[0] = last;
+            site.subtests.count++;
+        }
+        failures.push_back(site);
+    }
+    int status = fault ? dxt::exit_fault_found : dxt::exit_hung;
+    dxt::message_fields lead{now_seconds(), LVL_FATAL, -1, true, "dxttest", MSG_FREE_TEXT, DXT_FATAL, found.detail};
+    finish({lead.time, status, dxt::verdict_reason(status), failures, -1, &lead});
 }
 
 void show_message(int exit_flag, int level, const char *tag, int number, std::string_view text)
 {
-    dxt::message_fields m{now_seconds(), level, sched_getcpu(), on_main_thread(), tag, number, exit_flag, text};
+    dxt::message_fields m{now_seconds(), level, reporting_processor(), on_main_thread(), tag, number, exit_flag, text};
     if (exit_flag != 0)
         end_run(m);
     dxt::line_buffer line;
@@ -493,21 +619,14 @@ void show_usage(int (*usage)(void))
 {
     std::string text = std::string(program) + ": " + what + "\n";
     write_all(STDERR_FILENO, text.data(), text.size());
-    given_options.clear();  // the record names them in its text
+    // The usage goes where the error went; the verdict (the record, with
+    // --json) to standard output. Nothing was tested: it says only what was
+    // wrong, and the -o text as given.
     int out_fd = output_fd;
     output_fd = STDERR_FILENO;
     show_usage(usage);
-    if (display.json) {
-        // Nothing was tested: the record says only what was wrong.
-        dxt::line_buffer reason;
-        put_status_reason(reason, what, dxt::exit_usage);
-        dxt::verdict_record record = run_record(now_seconds(), dxt::exit_usage, reason, -1, {}, {});
-        std::vector<char> storage(dxt::verdict_room(record));
-        dxt::text_buffer out{storage.data(), storage.size()};
-        dxt::put_verdict_record(out, record);
-        write_text(out_fd, out);
-    }
-    end_process(dxt::exit_usage);
+    output_fd = out_fd;
+    finish({now_seconds(), dxt::exit_usage, what});
 }
 
 void show_version()
@@ -557,6 +676,10 @@ void prepare_run()
     winsize size;
     if (progress_on && ioctl(output_fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
         terminal_columns = size.ws_col;
+    if (int error = dxt::start_watchdog(started.tv_sec * 1000LL + started.tv_nsec / 1000000, timeout_ms, end_hung))
+        show_message(DXT_RETURN, LVL_STEP_ERROR, "dxttest", MSG_FREE_TEXT,
+                     std::string("the watchdog could not be started (") + strerror(error) +
+                         "): this run has no time limit");
 }
 
 sigset_t interrupt_signals()
@@ -567,12 +690,6 @@ sigset_t interrupt_signals()
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGHUP);
     return set;
-}
-
-void put_interrupt_reason(dxt::text_buffer &reason, int sig)
-{
-    dxt::put_interrupted_by(reason, sig);
-    put_status_reason(reason, "", dxt::exit_signal_base + sig);
 }
 
 // The thread that takes the interrupts; test_end stops and joins it, so a
@@ -608,14 +725,9 @@ void *wait_for_interrupts(void *)
     }
     if (waiter_stopping.load())
         return nullptr;
-    int status = dxt::exit_signal_base + sig;
     dxt::line_buffer reason;
-    put_interrupt_reason(reason, sig);
-    dxt::verdict_record record = run_record(now_seconds(), status, reason, -1, {}, check_corrected_errors());
-    std::vector<char> storage(dxt::verdict_room(record));
-    dxt::text_buffer out{storage.data(), storage.size()};
-    put_verdict(out, record);
-    write_last(out, status);
+    dxt::put_interrupted_by(reason, sig);
+    finish({now_seconds(), dxt::exit_signal_base + sig, view(reason)});
 }
 
 void stop_waiter()
@@ -628,14 +740,6 @@ void stop_waiter()
     waiter_running = false;
 }
 
-// Signal handlers: async-signal-safe only (the assembly helpers, write,
-// exit_now), so their verdict does not read the corrected-error counters.
-dxt::text_buffer signal_buffer(dxt::line_buffer &fallback)
-{
-    if (signal_storage != nullptr)
-        return {signal_storage, signal_capacity, 0};
-    return {fallback.data, fallback.capacity, 0};
-}
 
 // Where the interrupt thread could not be started, and for a SIGBUS that
 // another process sent.
@@ -643,15 +747,9 @@ void on_interrupt(int sig, siginfo_t *, void *)
 {
     if (ending.exchange(true))
         return;  // the run is ending already
-    int status = dxt::exit_signal_base + sig;
     dxt::line_buffer reason;
-    put_interrupt_reason(reason, sig);
-    dxt::line_buffer fallback;
-    dxt::text_buffer out = signal_buffer(fallback);
-    put_verdict(out, run_record(now_seconds(), status, reason, -1, {}, {}));
-    clear_progress();
-    write_text(output_fd, out);
-    exit_now(status);
+    dxt::put_interrupted_by(reason, sig);
+    finish({now_seconds(), dxt::exit_signal_base + sig, view(reason), {}, -1, nullptr, true});
 }
 
 // Linux delivers an uncorrectable memory error that a thread consumed as
@@ -673,7 +771,6 @@ void on_bus_error(int sig, siginfo_t *info, void *context)
                        : "bus error");
     dxt::put(text, " (SIGBUS) on cpu", cpu, " at address ");
     dxt::put_hex(text, reinterpret_cast<uintptr_t>(info->si_addr));
-    long long time = now_seconds();
 
     dxt::failure_site site;
     site.cpu = cpu;
@@ -681,17 +778,9 @@ void on_bus_error(int sig, siginfo_t *info, void *context)
     site.subtests = subtests_of(own_progress, main_thread, false, 0);
     site.address_known = true;
     site.address = reinterpret_cast<uintptr_t>(info->si_addr);
-    dxt::line_buffer reason;
-    put_status_reason(reason, dxt::verdict_reason(dxt::exit_fault_found), dxt::exit_fault_found, {&site, 1});
-
-    dxt::line_buffer fallback;
-    dxt::text_buffer out = signal_buffer(fallback);
-    dxt::put_message_line(out, {time, LVL_FATAL, cpu, main_thread, nullptr, MSG_FREE_TEXT, DXT_FATAL, view(text)},
-                          display.json);
-    put_verdict(out, run_record(time, dxt::exit_fault_found, reason, cpu, {&site, 1}, {}));
-    clear_progress();
-    write_text(output_fd, out);
-    exit_now(dxt::exit_fault_found);
+    dxt::message_fields lead{now_seconds(), LVL_FATAL, cpu, main_thread, nullptr, MSG_FREE_TEXT, DXT_FATAL, view(text)};
+    finish({lead.time, dxt::exit_fault_found, dxt::verdict_reason(dxt::exit_fault_found), {&site, 1}, cpu, &lead,
+            true});
 }
 
 void install(int sig, void (*handler)(int, siginfo_t *, void *))
@@ -715,10 +804,12 @@ void trace(const char *what)
 // Every run of a burn-in with this run's form and sub-options.
 [[noreturn]] void start_burn_in(const char *argv0, const dxt::command_line &line)
 {
-    dxt::burn_in_request request{line.burn_in_seconds, line.burn_in_runs, line.keep_going, display, {argv0}, host_name};
+    dxt::burn_in_request request{line.burn_in_seconds, line.burn_in_runs, line.keep_going, display, {argv0},
+                                 host_name, line.timeout_seconds, line.retests, line.subopts};
     for (auto [on, flag] : {std::pair{display.quiet, "-q"}, {display.debug, "-d"}, {display.json, "--json"}})
         if (on)
             request.run_args.push_back(flag);
+    request.run_args.insert(request.run_args.end(), {"--timeout", std::to_string(line.timeout_seconds)});
     if (line.subopts_given)
         request.run_args.insert(request.run_args.end(), {"-o", line.subopts});
     note_ignored_interrupts();
@@ -782,6 +873,7 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
     dxt::command_line line = dxt::parse_command_line(argc, argv);
     display = line.display;
     given_options = line.subopts;
+    timeout_ms = line.timeout_seconds * 1000;
     switch (line.action) {
     case dxt::command_action::error:
         refuse(program, line.error, usage);
@@ -803,7 +895,9 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
                        dxt::silently_refused(line.subopts),
                    usage);
     }
-    if (line.burn_in_seconds > 0 || line.burn_in_runs > 0)
+    // A burn-in, and a run whose fault is to be retested, watch their runs
+    // from a process of their own.
+    if (line.burn_in_seconds > 0 || line.burn_in_runs > 0 || line.retests > 0)
         start_burn_in(argc > 0 ? argv[0] : program, line);
     if (const char *fd = getenv(dxt::burn_in_failures_fd)) {
         failures_fd = atoi(fd);
@@ -862,7 +956,6 @@ int dxt_message(int exit_flag, int level, const char *tag, int number, ...)
 int test_end(void)
 {
     long long elapsed = elapsed_ms();
-    int status = dxt::exit_could_not_test;
     int lost_now = lost_count.load();
     dxt::line_buffer reason;
     if (lost_now > 0) {
@@ -872,27 +965,25 @@ int test_end(void)
         }
         std::vector<int> passed_cpus;
         for (int cpu : machine->tested)
-            if (!dxt::was_lost({lost, static_cast<size_t>(lost_now)}, cpu))
+            if (!dxt::was_lost(lost_so_far(), cpu))
                 passed_cpus.push_back(cpu);
         dxt::put(reason, passed_cpus.empty()       ? "; no processor was tested"
                          : passed_cpus.size() == 1 ? "; tested and passed: cpu"
                                                    : "; tested and passed: cpus ");
         dxt::put_cpu_list(reason, passed_cpus);
-    } else if ((test_mask & dxt::subtest_bits()) == 0) {
-        dxt::put(reason, "test_mask ", test_mask, " selects no subtest: nothing was tested");
-    } else {
-        status = dxt::exit_passed;
-        dxt::put(reason, name_of_test(), " passed in ");
-        dxt::put_elapsed(reason, elapsed);
+        finish({now_seconds(), dxt::exit_could_not_test, view(reason)});
     }
-    if (status != dxt::exit_passed)
-        put_status_reason(reason, "", status);
-    dxt::verdict_record record = run_record(now_seconds(), status, reason, -1, {}, check_corrected_errors());
+    if ((test_mask & dxt::subtest_bits()) == 0) {
+        dxt::put(reason, "test_mask ", test_mask, " selects no subtest: nothing was tested");
+        finish({now_seconds(), dxt::exit_could_not_test, view(reason)});
+    }
+    dxt::put(reason, name_of_test(), " passed in ");
+    dxt::put_elapsed(reason, elapsed);
+    dxt::verdict_record record =
+        run_record(now_seconds(), dxt::exit_passed, reason, -1, {}, check_corrected_errors());
     std::vector<char> storage(dxt::verdict_room(record));
     dxt::text_buffer out{storage.data(), storage.size()};
     put_verdict(out, record);
-    if (status != dxt::exit_passed)
-        write_last(out, status);
     {
         std::lock_guard<std::mutex> hold(output_lock);
         if (ending.load())
@@ -901,6 +992,7 @@ int test_end(void)
         write_text(output_fd, out);
         passed = true;
     }
+    dxt::stop_watchdog();
     stop_waiter();
     if (output_lost.load())
         end_process(dxt::exit_could_not_test);

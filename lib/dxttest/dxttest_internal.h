@@ -22,6 +22,7 @@ enum exit_status {
     exit_fault_found = 1,
     exit_usage = 2,
     exit_could_not_test = 3,
+    exit_hung = 4,
     exit_signal_base = 128,  // plus the signal number
 };
 
@@ -134,6 +135,7 @@ struct subtest {
     int end_message;
     bool compares;       // may end a worker with the miscompare status -1
     bool allocates;      // may end a worker with the no-memory status 12
+    bool fails_after_end;  // says its end message before it returns its miscompare
 };
 std::span<const subtest> subtests();
 int subtest_started_by(int number);  // its index, or -1
@@ -156,6 +158,10 @@ const char *verdict_word(int status);
 const char *verdict_name(int status);
 const char *verdict_reason(int status);
 
+// A run's time limit unless --timeout says otherwise: far beyond the
+// longest healthy run (count=1024 over a 2 MiB L2 takes about 20 s).
+constexpr long long default_timeout_seconds = 3600;
+
 enum class command_action { run, help, version, error };
 struct command_line {
     command_action action = command_action::run;
@@ -167,6 +173,8 @@ struct command_line {
     long long burn_in_seconds = 0;
     long long burn_in_runs = 0;
     bool keep_going = false;
+    long long timeout_seconds = default_timeout_seconds;  // the watchdog's limit for a whole run
+    int retests = 0;  // after a fault: the failing subtest again, this often
 };
 // Parses with getopt_long (resetting its state first); argv is not changed.
 command_line parse_command_line(int argc, char **argv);

@@ -62,6 +62,7 @@ void put_failure_json(text_buffer &out, const failure_site &f)
         put_json_string(out, subtest_name(f.subtests.index[i]));
     }
     put(out, "]");
+    put(out, f.hung ? ",\"hung\":true" : ",\"hung\":false");
     put_key(out, "address");
     if (f.address_known) {
         put(out, "\"");
@@ -123,7 +124,8 @@ void each_left_out(const verdict_record &r, F visit)
         visit(p);
 }
 
-constexpr const char *left_out_reasons[] = {"offline", "not-allowed", "thread-not-created", "not-bound"};
+constexpr const char *left_out_reasons[] = {"offline", "not-allowed", "thread-not-created", "not-bound",
+                                            "cut-short"};
 
 const char *reason_text(const char *reason)
 {
@@ -133,6 +135,8 @@ const char *reason_text(const char *reason)
         return " (outside the allowed CPU set)";
     if (same_text(reason, "not-bound"))
         return " (its worker could not be bound to it)";
+    if (same_text(reason, "cut-short"))
+        return " (cut short: its worker had not finished when the run ended)";
     return " (its worker thread was not created)";
 }
 
@@ -230,7 +234,9 @@ void put_failure_line(text_buffer &out, long long time, const failure_site &f)
     else
         put_subtest_names(out, f.subtests, " or ");
     put(out, " (");
-    if (f.message != 0)
+    if (f.hung)
+        put(out, "hung");
+    else if (f.message != 0)
         put(out, "message ", f.message);
     else
         put(out, "signal");
@@ -295,6 +301,9 @@ subtest_set possible_subtests(int32_t mask, int last_started, bool last_ended, b
         after.index[after.count++] = last_started;
         return after;
     }
+    // A march that ends before it returns its miscompare is still a candidate.
+    if (last_started >= 0 && last_ended && sequence[static_cast<size_t>(last_started)].fails_after_end)
+        after.index[after.count++] = last_started;
     for (size_t i = static_cast<size_t>(last_started + 1); i < sequence.size(); i++) {
         if ((mask & sequence[i].mask_bit) == 0)
             continue;
@@ -307,7 +316,8 @@ subtest_set possible_subtests(int32_t mask, int last_started, bool last_ended, b
     subtest_set fitting;
     for (int k = 0; k < after.count; k++) {
         const subtest &s = sequence[static_cast<size_t>(after.index[k])];
-        if (status == miscompare_status ? s.compares : s.allocates)
+        bool over = after.index[k] == last_started;  // it said its end: only its miscompare is left
+        if (status == miscompare_status ? s.compares : s.allocates && !over)
             fitting.index[fitting.count++] = after.index[k];
     }
     return fitting.count > 0 ? fitting : after;
@@ -465,11 +475,47 @@ void put_progress_text(text_buffer &out, int subtest, int started, int finished,
     put(out, finished, "/", processors, " finished");
 }
 
+void put_retest_text(text_buffer &out, std::span<const retest_result> results)
+{
+    for (const retest_result &t : results) {
+        put(out, &t == results.data() ? "" : "; ", "cpu", t.cpu);
+        if (t.cpu != t.failing_cpu)
+            put(out, " (shares its L2 with cpu", t.failing_cpu, ")");
+        else
+            put(out, " ", t.subtest.empty() ? "every selected subtest" : t.subtest);
+        put(out, t.failed > 0 ? " failed " : " passed ", t.failed > 0 ? t.failed : t.passed, " of ", t.runs);
+        if (t.runs - t.failed - t.passed > 0)
+            put(out, " (", t.runs - t.failed - t.passed, " could not test)");
+    }
+}
+
+void put_retests_json(text_buffer &out, std::span<const retest_result> results)
+{
+    put(out, ",\"retests\":[");
+    for (const retest_result &t : results) {
+        put_comma(out);
+        put(out, "{");
+        put_int_member(out, "cpu", t.cpu);
+        put_int_member(out, "failing_cpu", t.failing_cpu);
+        put_text_member(out, "subtest", t.subtest, !t.subtest.empty());
+        put_int_member(out, "runs", t.runs);
+        put_int_member(out, "failed", t.failed);
+        put_int_member(out, "passed", t.passed);
+        put_int_member(out, "could_not_test", t.runs - t.failed - t.passed);
+        put(out, "}");
+    }
+    put(out, "]");
+}
+
 size_t burn_in_room(const burn_in_record &r)
 {
     size_t names = 0;
     for (const failed_run &f : r.failed_runs)
         names += 160 + 6 * f.subtest.size();
+    for (const unfinished_run &u : r.unfinished)
+        names += 160 + 6 * u.how.size();
+    for (const retest_result &t : r.retests)
+        names += 320 + 6 * t.subtest.size();
     return 4096 + 6 * (r.text.size() + r.host.size()) + 2 * names;
 }
 
@@ -489,7 +535,17 @@ void put_burn_in_record(text_buffer &out, const burn_in_record &r)
         put_text_member(out, "subtest", f.subtest, !f.subtest.empty());
         put(out, "}");
     }
+    put(out, "],\"unfinished_runs\":[");
+    for (const unfinished_run &u : r.unfinished) {
+        put_comma(out);
+        put(out, "{");
+        put_int_member(out, "run", u.run);
+        put_text_member(out, "verdict", verdict_name(u.status));
+        put_text_member(out, "text", u.how);
+        put(out, "}");
+    }
     put(out, "]");
+    put_retests_json(out, r.retests);
     put_key(out, "elapsed_seconds");
     put_seconds(out, r.elapsed_ms);
     put_corrected_json(out, r.corrected);
@@ -508,6 +564,16 @@ void put_burn_in_block(text_buffer &out, const burn_in_record &r)
             put(out, " on cpu", f.cpu);
         if (!f.subtest.empty())
             put(out, " in ", f.subtest);
+        put(out, "\n");
+    }
+    for (const unfinished_run &u : r.unfinished) {
+        start_summary_line(out, r.time);
+        put(out, "run ", u.run, " ", u.how, "\n");
+    }
+    if (!r.retests.empty()) {
+        start_summary_line(out, r.time);
+        put(out, "retest: ");
+        put_retest_text(out, r.retests);
         put(out, "\n");
     }
     start_summary_line(out, r.time);

@@ -43,7 +43,8 @@ l2_geometry announced_l2(int cpu, uint32_t size, uint32_t line, const char *shar
 // (outside the process's CPU set); during it, "thread-not-created" (its
 // worker, entry `entry` of the worker table, was never created) or
 // "not-bound" (its worker could not be bound to it, so it ran wherever the
-// scheduler put it).
+// scheduler put it); at an early end, "cut-short" (its worker had not
+// finished when a fault, a hang or an interrupt ended the run).
 struct left_out_processor {
     int cpu;
     const char *reason;
@@ -79,6 +80,7 @@ struct failure_site {
     subtest_set subtests;
     bool address_known = false;  // where a memory error was consumed (SIGBUS)
     uintptr_t address = 0;
+    bool hung = false;  // the watchdog found the worker making no progress
 };
 
 // Whether the run meant to test the processor but did not.
@@ -147,6 +149,25 @@ struct failed_run {
     int cpu;              // -1: not known
     std::string subtest;  // "": not known
 };
+// A run that ended without saying so itself: killed by a signal nobody here
+// sent, or ended from outside as hung.
+struct unfinished_run {
+    long long run;
+    int status;
+    std::string how;
+};
+// The retests of one failing subtest on one processor.
+struct retest_result {
+    int cpu;
+    int failing_cpu;      // the processor whose failure it retests (cpu, or one sharing its L2)
+    std::string subtest;  // "": every subtest the run selected
+    int runs = 0, failed = 0, passed = 0;  // the rest could not test
+};
+// "cpu5 Cache Hit Stress failed 4 of 5; cpu37 (shares its L2) passed 5 of 5"
+void put_retest_text(text_buffer &out, std::span<const retest_result> results);
+// ,"retests":[...]
+void put_retests_json(text_buffer &out, std::span<const retest_result> results);
+
 struct burn_in_record {
     long long time;
     int exit_status;
@@ -158,6 +179,8 @@ struct burn_in_record {
     std::span<const failed_run> failed_runs;
     corrected_check corrected;  // before the first run and after the last
     std::string_view host;
+    std::span<const unfinished_run> unfinished = {};
+    std::span<const retest_result> retests = {};
 };
 size_t burn_in_room(const burn_in_record &record);
 void put_burn_in_record(text_buffer &out, const burn_in_record &record);

@@ -64,11 +64,14 @@ class EndToEnd(unittest.TestCase):
             (["--json", "-o", "count=5x"], 2, '"verdict":"usage"', '"number":2005'),
             (["--json", "--frobnicate"], 2, '"verdict":"usage"', "tarneltest: unrecognised option '--frobnicate'\n"),
             (["-q", "--help"], 0, "usage: tarneltest [-o SUBOPTIONS] [-v | -q] [-d] [--json] [--duration TIME] "
-                                  "[--runs N] [--keep-going] [-h] [--version]\n", ""),
+                                  "[--runs N] [--keep-going] [--timeout TIME] [--retest N] [-h] [--version]\n", ""),
             # A burn-in's limits: zero, negative, malformed or overflowing.
             *[(["--duration", limit], 2, "", "--duration needs a time above zero")
               for limit in ("0", "-5", "5x", "99999999999999999999")],
-            (["--runs", "0"], 2, "", "--runs needs a number of runs above zero"),
+            (["--runs", "0"], 2, "", "--runs needs a number from 1 to 1000000000, not '0'"),
+            (["--runs", "2147483647"], 2, "", "--runs needs a number from 1 to 1000000000"),
+            (["--timeout", "0"], 2, "", "--timeout needs a time above zero and at most 878400h"),
+            (["--retest", "x"], 2, "", "--retest needs a number from 1 to 1000, not 'x'"),
             (["--keep-going"], 2, "", "--keep-going belongs to a burn-in"),
             (["--version"], 0, "tarneltest version ", ""),
         ]:
@@ -173,8 +176,11 @@ class EndToEnd(unittest.TestCase):
         args = [BINARY, "-q", "-o", "count=1,test_mask=8"]
         for fault, reason in [("clone3:error=EAGAIN:when=2+", "thread-not-created"),
                               ("sched_setaffinity:error=EINVAL", "not-bound")]:
-            status, out, _ = run(["-f", "-qq", "-o", "/dev/null", "-e", "inject=" + fault] + args, binary="strace")
+            status, out, _ = run(["-f", "-qq", "-o", "/dev/null", "-e", "inject=" + fault] + args[:1] + args[2:],
+                                 binary="strace")
             self.assertEqual(status, 3, out)
+            if reason == "not-bound":  # unbound, each worker's lines still name the processor it tests
+                self.assertEqual(sorted(map(int, re.findall(r" INFO cpu([0-9]+) #3 ", out))), CPUS)
             self.assertRegex(out, r"VERDICT COULD NOT TEST: not every processor was tested: left out cpu[0-9]+ \("
                              + reason)
         # (Its status is left alone: a leak checker cannot stop the threads of
@@ -208,7 +214,8 @@ class EndToEnd(unittest.TestCase):
         self.assertEqual((status, v["verdict"], v["runs"], v["runs_passed"]), (0, "pass", 3, 3))
         self.assertLess(v["elapsed_seconds"], 5 + 2.5)
         self.assertEqual(set(v), {"time", "host", "schema_version", "verdict", "exit_status", "text", "runs",
-                                  "runs_passed", "runs_failed", "failed_runs", "elapsed_seconds", "corrected_errors"})
+                                  "runs_passed", "runs_failed", "failed_runs", "unfinished_runs", "retests",
+                                  "elapsed_seconds", "corrected_errors"})
 
     def test_sigint_ends_a_burn_in_with_130_and_its_record(self):
         start = time.monotonic()
@@ -255,6 +262,11 @@ class EndToEnd(unittest.TestCase):
             # A lost store in the hit test's first buffer, caught by its 64-bit
             # verify (the high half of an element, whose exponent is never 0).
             ("lost,{cpu},0,28", 16, 1, hit, r"VERDICT FAIL: a fault was found on cpu{cpu} "),
+            # The column-striding march (the fourth march buffer) says its end
+            # before it returns the miscompare. Bit 3 stuck at 1 in one word
+            # and at 0 in the next: whatever the pass's pattern, one shows.
+            ("stuck1,{cpu},3,24,3;stuck0,{cpu},3,28,3", 1024, 1, (8011, -1, "March with column striding"),
+             r"SUMMARY failure on cpu{cpu}: March with column striding \(message 8011"),
             ("stuck1,{cpu},0,24,3", 32, 0, None, r"VERDICT PASS"),
             ("lost,{cpu},0,99999999999", 8, 2, None, r"#1 "),
         ]:
@@ -273,7 +285,93 @@ class EndToEnd(unittest.TestCase):
                     self.assertEqual((status, v["verdict"], v["failed_cpus"]), (1, "fault", [cpu]))
                     self.assertEqual(v["failures"], [{"cpu": cpu, "message": message, "worker_status": worker_status,
                                                       "subtest": subtest, "possible_subtests": [subtest],
-                                                      "address": None}])
+                                                      "hung": False, "address": None}])
+
+    def test_a_stalled_worker_ends_the_run_as_hung(self):
+        """A worker stopped for ever ends the run at --timeout with HUNG and 4,
+        naming its processor and subtest; a fault another worker found still
+        gives 1; an early end leaves the unfinished processors cut short; in
+        a burn-in the hung run stops it with 4."""
+        if not FAULTY:
+            self.skipTest("no fault-model build")
+        cpu = CPUS[-1]
+        status, out, _ = run(["--json", "--timeout", "2", "-o", "count=1,test_mask=8"], binary=FAULTY,
+                             env={"TARNEL_FAULT": f"hang,{cpu},0,64"})
+        v = record(out)
+        self.assertEqual((status, v["verdict"], v["failed_cpus"]), (4, "hung", [cpu]))
+        self.assertEqual([(f["cpu"], f["hung"], f["subtest"]) for f in v["failures"]], [(cpu, True, "Write/Read/Verify")])
+        status, out, _ = run(["-q", "--runs", "3", "--timeout", "2", "-o", "count=1,test_mask=8"], binary=FAULTY,
+                             env={"TARNEL_FAULT": f"hang,{cpu},0,64"})
+        self.assertEqual(status, 4)
+        self.assertIn(" RUN 1 HUNG in ", out)
+        self.assertNotIn(" RUN 2 ", out)
+        if len(CPUS) < 2:
+            return
+        other = CPUS[0]
+        # cpu's packed records fail, other's worker hangs: the fault decides.
+        status, out, _ = run(["--json", "--timeout", "2", "-o", "count=1,test_mask=16"], binary=FAULTY,
+                             env={"TARNEL_FAULT": f"hang,{other},0,64;stuck1,{cpu},2,24,3"})
+        v = record(out)
+        self.assertEqual((status, v["verdict"]), (1, "fault"))
+        self.assertEqual(sorted((f["cpu"], f["hung"]) for f in v["failures"]), sorted([(cpu, False), (other, True)]))
+        # A miscompare ends the run at once: the hung worker is cut short.
+        status, out, _ = run(["--json", "-o", "count=1,test_mask=8"], binary=FAULTY,
+                             env={"TARNEL_FAULT": f"hang,{other},0,64;lost,{cpu},0,24"})
+        v = record(out)
+        self.assertEqual((status, v["tested_cpus"], v["failed_cpus"]), (1, [cpu], [cpu]))
+        self.assertIn({"cpu": other, "reason": "cut-short"}, v["left_out_cpus"])
+
+    def test_a_burn_in_ends_its_runs_whatever_they_do(self):
+        """SIGTERM to a burn-in whose run is stopped ends it within seconds,
+        143 and its record; a run stopped past its own limit is ended as
+        hung; a run killed from outside is named with its signal, in its own
+        record and the burn-in's, and could not test."""
+        def burn_in_with_run(act, more=()):
+            with subprocess.Popen([BINARY, "--runs", "3", "--json", "-o", "count=1,test_mask=8", *more],
+                                  stdout=subprocess.PIPE, text=True) as p:
+                p.stdout.readline()  # the first run's first line: it is running
+                child = int(subprocess.run(["pgrep", "-P", str(p.pid)], capture_output=True, text=True).stdout)
+                start = act(p, child)
+                out, _ = p.communicate(timeout=60)
+                return p.returncode, time.monotonic() - start, [json.loads(line) for line in out.splitlines()]
+
+        def stop_then_terminate(p, child):
+            os.kill(child, signal.SIGSTOP)
+            start = time.monotonic()
+            p.send_signal(signal.SIGTERM)
+            return start
+
+        status, took, records = burn_in_with_run(stop_then_terminate)
+        self.assertEqual((status, records[-1]["verdict"], records[-1]["exit_status"]), (143, "interrupted", 143))
+        self.assertLess(took, 5)
+        # A run stopped past its own limit is ended from outside as hung.
+        status, _, records = burn_in_with_run(lambda p, child: os.kill(child, signal.SIGSTOP) or time.monotonic(),
+                                              ["--timeout", "1"])
+        self.assertEqual((status, records[-1]["verdict"], records[-1]["unfinished_runs"][0]["verdict"]),
+                         (4, "hung", "hung"))
+        status, _, records = burn_in_with_run(lambda p, child: os.kill(child, signal.SIGKILL) or time.monotonic())
+        said = "run 1 was killed by SIGKILL (the out-of-memory killer ends processes so)"
+        self.assertEqual(status, 3)
+        self.assertIn({"run": 1, "verdict": "could-not-test", "text": said[6:]}, records[-1]["unfinished_runs"])
+        self.assertEqual([(r["verdict"], r["text"]) for r in records if r.get("run") == 1 and "verdict" in r],
+                         [("could-not-test", said)])
+
+    def test_retests_of_a_fault(self):
+        """--retest reruns the failing subtest on the failing processor alone,
+        and says how often it failed, in the text and in the record."""
+        if not FAULTY:
+            self.skipTest("no fault-model build")
+        cpu = CPUS[-1]
+        env = {"TARNEL_FAULT": f"stuck1,{cpu},2,24,3"}
+        status, out, _ = run(["-q", "--retest", "3", "-o", "count=1,test_mask=16"], binary=FAULTY, env=env)
+        self.assertEqual(status, 1)
+        self.assertRegex(out, rf" SUMMARY retest: cpu{cpu} Cache Hit Stress failed 3 of 3.*\n.* VERDICT FAIL: ")
+        status, out, _ = run(["--json", "-q", "--retest", "2", "-o", "count=1,test_mask=16"], binary=FAULTY, env=env)
+        v = record(out)
+        self.assertEqual((status, v["verdict"]), (1, "fault"))
+        self.assertEqual(v["retests"][0], {"cpu": cpu, "failing_cpu": cpu, "subtest": "Cache Hit Stress", "runs": 2,
+                                           "failed": 2, "passed": 0, "could_not_test": 0})
+
 
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()

@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "dxttest_internal.h"
+#include "verdict.h"
+#include "watchdog.h"
 #include "harness/testinfo.h"
 #include "message_args.h"
 
@@ -52,6 +54,70 @@ TEST(Catalogue, ExactlyTheProgramsNumbersEachTakingItsArguments)
     EXPECT_EQ(catalogue, program);
     EXPECT_EQ(dxt::catalogue_format(0), nullptr);
     EXPECT_EQ(dxt::catalogue_format(4242), nullptr);
+}
+
+// Threads as the platform lists them, times in milliseconds: started and
+// ended (0: still running).
+std::vector<platform_thread> threads(std::vector<std::pair<long long, long long>> times)
+{
+    std::vector<platform_thread> out;
+    for (auto [started, ended] : times)
+        out.push_back({1, 1, -1, ended != 0, 0, 0, started, ended});
+    return out;
+}
+
+// The run started at 0 with a limit of 3600 s; the relative limit is
+// max(60 s, 10 x the slowest finished worker), once the others finished.
+TEST(Watchdog, HungOnlyAloneAfterTenTimesTheSlowestOrPastTheLimit)
+{
+    const struct {
+        std::vector<std::pair<long long, long long>> times;
+        long long now;
+        std::vector<size_t> hung;  // empty: not hung
+    } rows[] = {
+        {{{0, 5000}, {0, 0}}, 59999, {}},          // the floor: 60 s
+        {{{0, 5000}, {0, 0}}, 60000, {1}},
+        {{{0, 9000}, {1000, 0}}, 90999, {}},       // 10 x 9 s from its own start
+        {{{0, 9000}, {1000, 0}}, 91000, {1}},
+        {{{0, 5000}, {0, 9000}, {0, 0}}, 90000, {2}},  // the slowest finished one counts
+        {{{0, 5000}, {0, 0}, {0, 0}}, 3599999, {}},    // two still going: only the limit
+        {{{0, 5000}, {0, 0}, {0, 0}}, 3600000, {1, 2}},
+        {{{0, 0}}, 3599999, {}},                   // alone from the start: only the limit
+        {{}, 3600000, {}},                          // no worker, past the limit: the run hung
+    };
+    for (const auto &row : rows) {
+        std::vector<platform_thread> t = threads(row.times);
+        dxt::hang_finding found = dxt::find_hung(t, row.now, 0, 3600000);
+        EXPECT_EQ(found.threads, row.hung) << row.now;
+        EXPECT_EQ(found.hung, !row.hung.empty() || row.now >= 3600000) << row.now;
+    }
+}
+
+// The row- and column-striding marches say their end before they return a
+// miscompare: a worker that failed after that end is in one of them, or in a
+// later subtest that announces nothing.
+TEST(Attribution, AMarchThatEndedBeforeItsMiscompare)
+{
+    const auto &sequence = dxt::subtests();
+    auto index = [&](std::string_view name) {
+        for (size_t i = 0; i < sequence.size(); i++)
+            if (name == sequence[i].name)
+                return static_cast<int>(i);
+        return -1;
+    };
+    auto names = [&](dxt::subtest_set set) {
+        std::vector<std::string> out;
+        for (int i = 0; i < set.count; i++)
+            out.push_back(sequence[static_cast<size_t>(set.index[i])].name);
+        return out;
+    };
+    int column = index("March with column striding"), line = index("30N March with line-length striding");
+    using v = std::vector<std::string>;
+    EXPECT_EQ(names(dxt::possible_subtests(1024, column, true, true, -1)), v{"March with column striding"});
+    EXPECT_EQ(names(dxt::possible_subtests(1024 | 4096, column, true, true, -1)),
+              (v{"March with column striding", "Random Offset"}));
+    EXPECT_EQ(names(dxt::possible_subtests(1024 | 4096, column, true, true, 12)), v{"Random Offset"});
+    EXPECT_EQ(names(dxt::possible_subtests(1024, line, true, true, -1)), v{});  // ends, then returns 0 or 12
 }
 
 // The harness started as the program starts it, without an option parser.
