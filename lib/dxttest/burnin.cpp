@@ -49,13 +49,6 @@ void on_stop(int sig)
     }
 }
 
-long long monotonic_ms()
-{
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
-}
-
 void write_string(const std::string &s) { write_output({const_cast<char *>(s.data()), s.size(), s.size()}); }
 
 struct progress_line {

@@ -148,6 +148,29 @@ int32_t subtest_bits()
     return bits;
 }
 
+std::string oversized_mask(std::string_view subopts)
+{
+    while (!subopts.empty()) {
+        size_t comma = subopts.find(',');
+        std::string_view item = subopts.substr(0, comma);
+        subopts = comma == std::string_view::npos ? std::string_view() : subopts.substr(comma + 1);
+        if (!item.starts_with("test_mask="))
+            continue;
+        std::string_view digits = item.substr(strlen("test_mask="));
+        unsigned long long value = 0;
+        bool over = false;
+        for (char c : digits) {
+            if (c < '0' || c > '9')
+                break;  // the parser refuses it, with its own message
+            value = value * 10 + static_cast<unsigned>(c - '0');
+            over = over || value > 0xFFFFFFFFull;
+        }
+        if (over)
+            return "the sub-option " + std::string(item) + " does not fit in 32 bits (a test_mask is at most 4294967295)";
+    }
+    return "";
+}
+
 std::string silently_refused(std::string_view subopts)
 {
     // Items end at a comma, as the parser splits them; a keyword ends at '='.

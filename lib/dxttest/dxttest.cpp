@@ -887,6 +887,8 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
         break;
     }
 
+    if (std::string oversized = dxt::oversized_mask(line.subopts); !oversized.empty())
+        refuse(program, oversized, usage);
     if (parser != nullptr) {
         subopts = line.subopts;
         if (parser(subopts.data()) == 0)

@@ -58,6 +58,9 @@ struct line_buffer : text_buffer {
 };
 
 // Async-signal-safe: no allocation, no locale, no stdio.
+// CLOCK_MONOTONIC milliseconds, for the harness's limits and timings.
+long long monotonic_ms();
+
 void put(text_buffer &line, std::string_view s);
 void put_int(text_buffer &line, long long value);
 // Texts and whole numbers in a row: put(line, "cpu", 3, ": ") is "cpu3: ".
@@ -149,6 +152,9 @@ int32_t subtest_bits();
 // text that the parser refuses without a message of its own: empty items
 // and keywords the test does not take. "" when there are none.
 std::string silently_refused(std::string_view subopts);
+// A test_mask item whose digits do not fit in 32 bits, which the parser
+// would wrap without a word: "" when there is none.
+std::string oversized_mask(std::string_view subopts);
 
 // The exit status a message with a non-zero exit flag ends the run with, and
 // for an exit status the verdict line's word, the record's name ("pass",

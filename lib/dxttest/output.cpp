@@ -81,8 +81,10 @@ size_t utf8_sequence(std::string_view s, size_t i)
 
 bool level_shown(display_mode mode, int level, int number)
 {
-    // The usage is shown whenever it is asked for, even when quiet.
-    if (number == MSG_USAGE)
+    // The usage is shown whenever it is asked for, and a value the test
+    // replaced by its default whenever that happens: even when quiet,
+    // nothing given is changed unsaid.
+    if (number == MSG_USAGE || number == MSG_DEFAULT_TAKEN)
         return true;
     if (level >= LVL_DEBUG)
         return mode.debug;

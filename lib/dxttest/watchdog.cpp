@@ -23,18 +23,18 @@ std::string seconds_text(long long ms)
     return {text.data, text.length};
 }
 
+std::mutex watch_lock;
+std::condition_variable wake;
+bool stopping = false;
+
+}  // namespace
+
 long long monotonic_ms()
 {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
 }
-
-std::mutex watch_lock;
-std::condition_variable wake;
-bool stopping = false;
-
-}  // namespace
 
 hang_finding find_hung(std::span<const platform_thread> threads, long long now_ms, long long run_started_ms,
                        long long limit_ms)

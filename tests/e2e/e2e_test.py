@@ -72,6 +72,9 @@ class EndToEnd(unittest.TestCase):
             (["--runs", "2147483647"], 2, "", "--runs needs a number from 1 to 1000000000"),
             (["--timeout", "0"], 2, "", "--timeout needs a time above zero and at most 878400h"),
             (["--retest", "x"], 2, "", "--retest needs a number from 1 to 1000, not 'x'"),
+            # Nothing given is changed unsaid: a mask too wide for 32 bits.
+            (["--json", "-o", "test_mask=4294967304"], 2, '"options":"test_mask=4294967304"',
+             "the sub-option test_mask=4294967304 does not fit in 32 bits (a test_mask is at most 4294967295)"),
             (["--keep-going"], 2, "", "--keep-going belongs to a burn-in"),
             (["--version"], 0, "tarneltest version ", ""),
         ]:
@@ -85,6 +88,11 @@ class EndToEnd(unittest.TestCase):
                     v = record(out)
                     self.assertEqual((v["exit_status"], v["tested_cpus"]), (2, []))
                     self.assertIn(args[-1], v["text"])
+
+    def test_a_default_taken_is_said_even_when_quiet(self):
+        status, out, _ = run(["-q", "-o", "count=2000,test_mask=0"])
+        self.assertEqual(status, 3)
+        self.assertIn(" INFO main #23 Value outside 1..1024, taking the default 8 instead\n", out)
 
     def test_json_lines_are_objects_with_the_documented_keys(self):
         status, out, err = run(["--json", "-d", "-o", "count=1,test_mask=8"])
