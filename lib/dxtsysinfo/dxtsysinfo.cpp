@@ -14,6 +14,7 @@
 #include <string>
 
 #include "cacheinfo_sources.h"
+#include "cpuset.h"
 #include "dxtsysinfo_ext.h"
 #include "testinfo.h"
 
@@ -65,8 +66,12 @@ bool processor_exists(int cpu)
     std::string dir = root + "/cpu" + std::to_string(cpu);
     if (stat(dir.c_str(), &status) == 0)
         return S_ISDIR(status.st_mode);
-    if (stat(root.c_str(), &status) == 0)
-        return false;  // the kernel lists its processors, and not this one
+    // The kernel lists its processors, and not this one; a directory that
+    // lists none is masked (a container), and the processors are those the
+    // C library counts.
+    std::vector<int> listed;
+    if (online_processors(root.c_str(), &listed))
+        return false;
     return cpu < sysconf(_SC_NPROCESSORS_CONF);
 }
 
@@ -111,8 +116,17 @@ std::string cpuid_shared_l2(int cpu, cpu_record *entry)
     read_cpuid(cpu, entry);
     if (entry->cpuid.l2_sharing == 0 || !entry->cpuid.apic_known)
         return UNKNOWN_SHARING;
+    // Without the kernel's list (a masked directory): the processors this
+    // process may run on, each of which CPUID can be asked on.
     std::vector<int> online;
-    if (!online_processors(sources().cpu_root, &online))
+    cpu_mask allowed;
+    if (!online_processors(sources().cpu_root, &online) && read_cpu_mask(true, &allowed)) {
+        for (int id = 0; id < allowed.processors; id++)
+            if (cpu_mask_has(allowed, id))
+                online.push_back(id);
+        free_cpu_mask(&allowed);
+    }
+    if (online.empty())
         return UNKNOWN_SHARING;
     std::vector<processor_apic> all;
     for (int other : online) {

@@ -89,6 +89,18 @@ class EndToEnd(unittest.TestCase):
                     self.assertEqual((v["exit_status"], v["tested_cpus"]), (2, []))
                     self.assertIn(args[-1], v["text"])
 
+    def test_cpuid_describes_the_caches_where_sysfs_is_masked(self):
+        """A container that masks /sys/devices/system/cpu: the geometry still
+        comes from CPUID, read on each processor, not from the defaults."""
+        mask = "mount -t tmpfs none /sys/devices/system/cpu && exec \"$0\" \"$@\""
+        done = subprocess.run(["unshare", "-m", "sh", "-c", mask, BINARY, "--json", "-o", "test_mask=0"],
+                              capture_output=True, text=True)
+        if done.returncode not in (0, 3):
+            self.skipTest(f"no private mount namespace here: {done.stderr.strip()}")
+        v = record(done.stdout)
+        self.assertEqual(sorted(g["cpu"] for g in v["l2"]), CPUS)
+        self.assertTrue(all(g["source"].startswith("CPUID leaf") for g in v["l2"]), v["l2"])
+
     def test_a_default_taken_is_said_even_when_quiet(self):
         status, out, _ = run(["-q", "-o", "count=2000,test_mask=0"])
         self.assertEqual(status, 3)
