@@ -12,14 +12,10 @@
 #include <cstring>
 #include <string>
 
-namespace {
-
 // Sysfs files are small; a processor list of a large machine stays far
 // below this.
 constexpr size_t MAX_FILE_TEXT = 1 << 16;
 
-// The first line of a small text file, without its line end; "" when it
-// cannot be read.
 std::string read_line(const std::string &path)
 {
     FILE *file = fopen(path.c_str(), "re");
@@ -31,6 +27,8 @@ std::string read_line(const std::string &path)
     text.resize(length);
     return text.substr(0, text.find_first_of("\r\n"));
 }
+
+namespace {
 
 // A decimal number file: its value, or 0 when missing or malformed.
 uint32_t read_number(const std::string &path)

@@ -1,7 +1,7 @@
 // The harness's command line:
 //   tarneltest [-o SUBOPTIONS] [-v | -q] [-d] [--json]
 //              [--duration TIME] [--runs N] [--keep-going] [--timeout TIME]
-//              [--retest N] [-h] [--version]
+//              [--retest N] [--describe] [--sysroot DIR] [-h] [--version]
 // Only the -o texts belong to the test; everything else is the harness's.
 #include <getopt.h>
 
@@ -19,6 +19,8 @@ enum long_only_option {
     opt_keep_going,
     opt_timeout,
     opt_retest,
+    opt_describe,
+    opt_sysroot,
 };
 
 const option long_options[] = {
@@ -34,6 +36,8 @@ const option long_options[] = {
     {"keep-going", no_argument, nullptr, opt_keep_going},
     {"timeout", required_argument, nullptr, opt_timeout},
     {"retest", required_argument, nullptr, opt_retest},
+    {"describe", no_argument, nullptr, opt_describe},
+    {"sysroot", required_argument, nullptr, opt_sysroot},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -140,6 +144,12 @@ command_line parse_command_line(int argc, char **argv)
         case opt_keep_going:
             result.keep_going = true;
             break;
+        case opt_describe:
+            result.describe = true;
+            break;
+        case opt_sysroot:
+            result.sysroot = optarg;
+            break;
         case ':':
             result.action = command_action::error;
             result.error = std::string("option '") + argv[optind - 1] + "' needs a value";
@@ -171,6 +181,11 @@ command_line parse_command_line(int argc, char **argv)
     if (result.keep_going && result.burn_in_seconds == 0 && result.burn_in_runs == 0) {
         result.action = command_action::error;
         result.error = "--keep-going belongs to a burn-in: give --duration or --runs";
+        return result;
+    }
+    if (!result.sysroot.empty() && !result.describe) {
+        result.action = command_action::error;
+        result.error = "--sysroot reads a recorded machine for --describe: no run can test it";
         return result;
     }
     if (help)

@@ -55,6 +55,9 @@ long long timeout_ms = dxt::default_timeout_seconds * 1000;  // the watchdog's l
 // What test_init learned before the run; never freed, since workers may
 // still run while the process ends.
 const dxt::machine_description *machine = nullptr;
+// Each processor's part and the machine's identity, for the record.
+std::vector<dxt::processor_entry> *processors = nullptr;
+dxt::machine_entry host_identity{};
 dxt_corrected_errors errors_before;
 bool errors_before_ok = false;
 // The machine's name for the verdict record (fleets collect records from
@@ -353,7 +356,10 @@ dxt::verdict_record run_record(long long time, int status, const dxt::text_buffe
             left_out,
             given_options,
             dxt_test_version,
-            {announced, static_cast<size_t>(announced_count.load())}};
+            {announced, static_cast<size_t>(announced_count.load())},
+            processors != nullptr ? std::span<const dxt::processor_entry>(*processors)
+                                  : std::span<const dxt::processor_entry>(),
+            processors != nullptr ? &host_identity : nullptr};
 }
 
 worker_progress *progress_of(int tid)
@@ -629,6 +635,25 @@ void show_usage(int (*usage)(void))
     finish({now_seconds(), dxt::exit_usage, what});
 }
 
+// --describe: what a run would test, and nothing tested.
+[[noreturn]] void describe()
+{
+    dxt::machine_description m = dxt::describe_machine();
+    std::vector<dxt::processor_entry> all = dxt::describe_processors(m);
+    dxt::machine_entry host = dxt::describe_host(now_seconds(), host_name);
+    std::vector<char> storage(4096 + all.size() * 1536);
+    dxt::text_buffer out{storage.data(), storage.size()};
+    if (display.json) {
+        dxt::put(out, "{\"schema_version\":", dxt::verdict_schema_version);
+        dxt::put_identity_json(out, all, host);
+        dxt::put(out, "}\n");
+    } else {
+        dxt::put_describe_text(out, all, host);
+    }
+    write_text(output_fd, out);
+    end_process(dxt::exit_passed);
+}
+
 void show_version()
 {
     dxt::line_buffer line;
@@ -654,6 +679,8 @@ void show_debug(std::string_view text)
 void prepare_run()
 {
     machine = new dxt::machine_description(dxt::describe_machine());
+    processors = new std::vector<dxt::processor_entry>(dxt::describe_processors(*machine));
+    host_identity = dxt::describe_host(now_seconds(), host_name);
     errors_before_ok = read_corrected_errors(nullptr, &errors_before) != 0;
     if (const char *note = dxt::corrected_errors_note(errors_before_ok))
         show_debug(note);
@@ -872,6 +899,8 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
 
     dxt::command_line line = dxt::parse_command_line(argc, argv);
     display = line.display;
+    if (!line.sysroot.empty())
+        dxt_tlib_use_sysroot(line.sysroot.c_str());
     given_options = line.subopts;
     timeout_ms = line.timeout_seconds * 1000;
     switch (line.action) {
@@ -887,6 +916,8 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
         break;
     }
 
+    if (line.describe)
+        describe();
     if (std::string oversized = dxt::oversized_mask(line.subopts); !oversized.empty())
         refuse(program, oversized, usage);
     if (parser != nullptr) {

@@ -181,6 +181,8 @@ struct command_line {
     bool keep_going = false;
     long long timeout_seconds = default_timeout_seconds;  // the watchdog's limit for a whole run
     int retests = 0;  // after a fault: the failing subtest again, this often
+    bool describe = false;  // say what a run would test, and test nothing
+    std::string sysroot;    // a recorded machine to read instead of this one
 };
 // Parses with getopt_long (resetting its state first); argv is not changed.
 command_line parse_command_line(int argc, char **argv);

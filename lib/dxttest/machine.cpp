@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <string>
 
+#include "cpuset.h"
 #include "testinfo.h"
 #include "platform.h"
 #include "platform_ext.h"
@@ -28,8 +30,73 @@ void scan_configured(machine_description &m)
 
 }  // namespace
 
+namespace {
+
+// A recorded machine (--sysroot): its own lists, every online processor
+// tested, since the affinity of this process says nothing of it.
+machine_description recorded_machine(const std::string &cpu_dir)
+{
+    machine_description m;
+    std::vector<int> present, online;
+    if (!read_cpu_list(cpu_dir + "/present", &present))
+        read_cpu_list(cpu_dir + "/possible", &present);
+    read_cpu_list(cpu_dir + "/online", &online);
+    for (int cpu : present) {
+        if (std::binary_search(online.begin(), online.end(), cpu))
+            m.tested.push_back(cpu);
+        else
+            m.left_out.push_back({cpu, "offline"});
+    }
+    return m;
+}
+
+// The L2 a worker would take: descriptor 4, else 2, else the defaults.
+l2_geometry planned_l2(int cpu, const char *shared)
+{
+    uint32_t *record = nullptr;
+    uint32_t size = L2_DEFAULT_CACHE_SIZE, line = L2_DEFAULT_LINE_SIZE;
+    if (dxt_tlib_get_cpu_cacheinfo(cpu, &record) == 0)
+        for (int index : {4, 2}) {
+            const uint32_t *d = dxt_tlib_cache_descriptor(record, index);
+            if (d[CACHEINFO_SIZE] != 0) {
+                size = d[CACHEINFO_SIZE];
+                line = d[CACHEINFO_LINE] != 0 ? d[CACHEINFO_LINE] : L2_DEFAULT_LINE_SIZE;
+                break;
+            }
+        }
+    return announced_l2(cpu, size, line, shared);
+}
+
+}  // namespace
+
+std::vector<processor_entry> describe_processors(const machine_description &m)
+{
+    std::vector<processor_entry> all;
+    for (size_t i = 0; i < m.tested.size(); i++)
+        all.push_back({m.tested[i], false, {}, planned_l2(m.tested[i], m.shared_cpus[i]), nullptr});
+    for (const left_out_processor &p : m.left_out)
+        all.push_back({p.cpu, false, {}, planned_l2(p.cpu, dxt_tlib_get_l2_shared_cpus(p.cpu)), p.reason});
+    for (processor_entry &p : all)
+        p.known = dxt_tlib_get_processor_identity(p.cpu, &p.id) == 0;
+    std::sort(all.begin(), all.end(), [](const auto &a, const auto &b) { return a.cpu < b.cpu; });
+    return all;
+}
+
+machine_entry describe_host(long long start_time, std::string_view host)
+{
+    machine_entry m{{}, start_time, host};
+    dxt_tlib_get_machine_identity(&m.id);
+    return m;
+}
+
 machine_description describe_machine()
 {
+    if (*dxt_tlib_sysroot() != '\0') {
+        machine_description m = recorded_machine(std::string(dxt_tlib_sysroot()) + "/sys/devices/system/cpu");
+        for (int cpu : m.tested)
+            m.shared_cpus.push_back(dxt_tlib_get_l2_shared_cpus(cpu));
+        return m;
+    }
     machine_description m;
     std::vector<platform_processor> present(256);
     int count = platform_present_processors(present.data(), static_cast<int>(present.size()));

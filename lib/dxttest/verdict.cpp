@@ -220,14 +220,17 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
     put(out, "\n");
 }
 
-void put_failure_line(text_buffer &out, long long time, const failure_site &f)
+void put_failure_line(text_buffer &out, long long time, const failure_site &f,
+                      std::span<const processor_entry> processors)
 {
     start_summary_line(out, time);
     put(out, "failure on ");
-    if (f.cpu >= 0)
+    if (f.cpu >= 0) {
         put(out, "cpu", f.cpu);
-    else
+        put_part(out, processors, f.cpu);
+    } else {
         put(out, "an unknown processor");
+    }
     put(out, ": ");
     if (f.subtests.count == 0)
         put(out, "subtest unknown");
@@ -249,7 +252,141 @@ void put_failure_line(text_buffer &out, long long time, const failure_site &f)
     put(out, ")\n");
 }
 
+const processor_entry *entry_of(std::span<const processor_entry> processors, int cpu)
+{
+    for (const processor_entry &p : processors)
+        if (p.cpu == cpu)
+            return &p;
+    return nullptr;
+}
+
+// "0,8" less the processor itself: "8".
+void put_siblings(text_buffer &out, const char *list, int cpu)
+{
+    std::vector<int> ids;
+    if (!parse_cpu_list(list, &ids)) {
+        put(out, "unknown");
+        return;
+    }
+    cpu_list_writer others = list_into(out);
+    for (int id : ids)
+        if (id != cpu)
+            others.add(id);
+    others.finish();
+    if (!others.any)
+        put(out, "none");
+}
+
+void put_number_member(text_buffer &out, std::string_view key, long long value)
+{
+    put_int_member(out, key, value, value >= 0);
+}
+
 }  // namespace
+
+void put_part(text_buffer &out, std::span<const processor_entry> processors, int cpu)
+{
+    const processor_entry *p = entry_of(processors, cpu);
+    if (p == nullptr || !p->known)
+        return;
+    put(out, " (package ", p->id.package, ", core ", p->id.core);
+    std::vector<int> ids;
+    if (parse_cpu_list(p->id.smt_siblings, &ids) && ids.size() > 1) {
+        put(out, ids.size() > 2 ? ", SMT siblings cpu" : ", SMT sibling cpu");
+        put_siblings(out, p->id.smt_siblings, cpu);
+    }
+    if (p->id.ppin_known) {
+        put(out, ", PPIN ");
+        put_hex(out, p->id.ppin);
+    }
+    put(out, ")");
+}
+
+void put_identity_json(text_buffer &out, std::span<const processor_entry> processors, const machine_entry &machine)
+{
+    put(out, ",\"processors\":[");
+    for (const processor_entry &p : processors) {
+        put_comma(out);
+        put(out, "{");
+        put_int_member(out, "cpu", p.cpu);
+        put_number_member(out, "package", p.known ? p.id.package : -1);
+        put_number_member(out, "die", p.known ? p.id.die : -1);
+        put_number_member(out, "core", p.known ? p.id.core : -1);
+        put_text_member(out, "smt_siblings", p.known ? p.id.smt_siblings : "",
+                        p.known && strcmp(p.id.smt_siblings, "unknown") != 0);
+        put_text_member(out, "model", p.known ? p.id.model : "", p.known && *p.id.model != '\0');
+        put_number_member(out, "family", p.known ? p.id.family : -1);
+        put_number_member(out, "model_number", p.known ? p.id.model_number : -1);
+        put_number_member(out, "stepping", p.known ? p.id.stepping : -1);
+        put_key(out, "microcode");
+        if (p.known && p.id.microcode >= 0) {
+            put(out, "\"");
+            put_hex(out, static_cast<unsigned long long>(p.id.microcode));
+            put(out, "\"");
+        } else {
+            put(out, "null");
+        }
+        put_key(out, "ppin");
+        if (p.known && p.id.ppin_known) {
+            put(out, "\"");
+            put_hex(out, p.id.ppin);
+            put(out, "\"");
+        } else {
+            put(out, "null");
+        }
+        put(out, ",\"l2\":{");
+        put_int_member(out, "size", p.l2.size);
+        put_int_member(out, "line", p.l2.line);
+        put_int_member(out, "ways", p.l2.ways);
+        put_text_member(out, "source", p.l2.size_source);
+        put_text_member(out, "shared_cpus", p.l2.shared_cpus);
+        put(out, "}");
+        put_text_member(out, "reason", p.reason != nullptr ? p.reason : "", p.reason != nullptr);
+        put(out, "}");
+    }
+    put(out, "],\"machine\":{");
+    put_text_member(out, "host", machine.host, !machine.host.empty());
+    put_text_member(out, "kernel", machine.id.kernel, *machine.id.kernel != '\0');
+    put_key(out, "virtualised");
+    put(out, machine.id.virtualised < 0 ? "null" : machine.id.virtualised ? "true" : "false");
+    put_key(out, "start_time");
+    put(out, "\"");
+    put_utc_time(out, machine.start_time);
+    put(out, "\"}");
+}
+
+void put_describe_text(text_buffer &out, std::span<const processor_entry> processors, const machine_entry &machine)
+{
+    for (const processor_entry &p : processors) {
+        put(out, "cpu", p.cpu, ": ");
+        if (p.reason != nullptr)
+            put(out, "left out", reason_text(p.reason), "; ");
+        if (p.known) {
+            put(out, "package ", p.id.package, ", die ", p.id.die, ", core ", p.id.core, ", SMT siblings ");
+            put_siblings(out, p.id.smt_siblings, p.cpu);
+            put(out, "; ", *p.id.model != '\0' ? p.id.model : "model unknown");
+            put(out, " (family ", p.id.family, ", model ", p.id.model_number, ", stepping ", p.id.stepping, "), microcode ");
+            if (p.id.microcode >= 0)
+                put_hex(out, static_cast<unsigned long long>(p.id.microcode));
+            else
+                put(out, "unknown");
+            put(out, ", PPIN ");
+            if (p.id.ppin_known)
+                put_hex(out, p.id.ppin);
+            else
+                put(out, "unknown");
+        } else {
+            put(out, "no topology or cpuinfo entry");
+        }
+        put(out, "\ncpu", p.cpu, ": L2 ", p.l2.size, " bytes, ", p.l2.line, "-byte lines, ", p.l2.ways, " ways, from ");
+        put(out, p.l2.size_source);
+        put(out, same_text(p.l2.shared_cpus, "unknown") ? "; sharing unknown\n" : "; shared by cpus ");
+        if (!same_text(p.l2.shared_cpus, "unknown"))
+            put(out, p.l2.shared_cpus, "\n");
+    }
+    put(out, "machine: kernel ", *machine.id.kernel != '\0' ? machine.id.kernel : "unknown", ", virtualised: ");
+    put(out, machine.id.virtualised < 0 ? "unknown" : machine.id.virtualised ? "yes" : "no", "\n");
+}
 
 l2_geometry announced_l2(int cpu, uint32_t size, uint32_t line, const char *shared_cpus)
 {
@@ -365,6 +502,8 @@ size_t verdict_room(const verdict_record &r)
     for (const subtest &s : subtests())
         names += 12 * strlen(s.name) + 16;
     room += r.failures.size() * (512 + names);
+    for (const processor_entry &p : r.processors)
+        room += 1024 + 6 * ((p.known ? strlen(p.id.model) + strlen(p.id.smt_siblings) : 0) + strlen(p.l2.shared_cpus));
     return room;
 }
 
@@ -426,6 +565,8 @@ void put_verdict_record(text_buffer &out, const verdict_record &r)
     }
     put(out, "]");
     put_corrected_json(out, r.corrected);
+    if (r.host_identity != nullptr)
+        put_identity_json(out, r.processors, *r.host_identity);
     put(out, ",\"warnings\":[");
     if (warns(r.corrected)) {
         line_buffer warning;
@@ -440,7 +581,7 @@ void put_verdict_block(text_buffer &out, const verdict_record &r, bool quiet)
     if (r.machine != nullptr && !quiet)
         put_processor_lines(out, r);
     for (const failure_site &f : r.failures)
-        put_failure_line(out, r.time, f);
+        put_failure_line(out, r.time, f, r.processors);
     if (warns(r.corrected)) {
         start_summary_line(out, r.time);
         put(out, "WARNING: ");

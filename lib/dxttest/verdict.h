@@ -57,6 +57,31 @@ struct machine_description {
     std::vector<const char *> shared_cpus;  // per tested processor, who shares its L2
 };
 
+// One processor as the record and --describe name it: the physical part,
+// its L2 as its worker takes it (or would), and why it is left out.
+struct processor_entry {
+    int cpu;
+    bool known;  // the machine describes it
+    dxt_processor_identity id;
+    l2_geometry l2;
+    const char *reason;  // nullptr: tested
+};
+struct machine_entry {
+    dxt_machine_identity id;
+    long long start_time;  // seconds since the epoch
+    std::string_view host;
+};
+// Every processor of the description, in ascending order.
+std::vector<processor_entry> describe_processors(const machine_description &m);
+machine_entry describe_host(long long start_time, std::string_view host);
+// ,"processors":[...],"machine":{...}
+void put_identity_json(text_buffer &out, std::span<const processor_entry> processors, const machine_entry &machine);
+// What --describe prints: a line of identity and one of L2 per processor,
+// one per processor left out, and the machine's.
+void put_describe_text(text_buffer &out, std::span<const processor_entry> processors, const machine_entry &machine);
+// " (package 0, core 3, SMT sibling cpu37, PPIN 0x1c2e)" for a failure line.
+void put_part(text_buffer &out, std::span<const processor_entry> processors, int cpu);
+
 // The subtests, by index into subtests(), one of which was running.
 struct subtest_set {
     int count = 0;
@@ -117,6 +142,8 @@ struct verdict_record {
     std::string_view options = {};          // the -o text as given
     std::string_view version = {};          // the test's version text
     std::span<const l2_geometry> l2 = {};   // what each worker announced
+    std::span<const processor_entry> processors = {};
+    const machine_entry *host_identity = nullptr;  // nullptr: not described (a usage error)
 };
 
 // Bytes enough for either form of the record.

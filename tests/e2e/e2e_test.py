@@ -64,7 +64,8 @@ class EndToEnd(unittest.TestCase):
             (["--json", "-o", "count=5x"], 2, '"verdict":"usage"', '"number":2005'),
             (["--json", "--frobnicate"], 2, '"verdict":"usage"', "tarneltest: unrecognised option '--frobnicate'\n"),
             (["-q", "--help"], 0, "usage: tarneltest [-o SUBOPTIONS] [-v | -q] [-d] [--json] [--duration TIME] "
-                                  "[--runs N] [--keep-going] [--timeout TIME] [--retest N] [-h] [--version]\n", ""),
+                                  "[--runs N] [--keep-going] [--timeout TIME] [--retest N] [--describe [--sysroot DIR]] [-h] [--version]\n",
+             ""),
             # A burn-in's limits: zero, negative, malformed or overflowing.
             *[(["--duration", limit], 2, "", "--duration needs a time above zero")
               for limit in ("0", "-5", "5x", "99999999999999999999")],
@@ -101,6 +102,26 @@ class EndToEnd(unittest.TestCase):
         self.assertEqual(sorted(g["cpu"] for g in v["l2"]), CPUS)
         self.assertTrue(all(g["source"].startswith("CPUID leaf") for g in v["l2"]), v["l2"])
 
+    def test_describe_names_every_part_and_tests_nothing(self):
+        """--describe: each processor's part and L2, the machine, no run; with
+        --sysroot a recorded machine (a Dell R710: two packages, SMT, each L2
+        shared by a core's two threads)."""
+        tree = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "sysinfo", "machines", "dell_r710")
+        status, out, _ = run(["--describe", "--json", "--sysroot", tree])
+        v = json.loads(out)
+        self.assertEqual((status, len(v["processors"]), v["machine"]["virtualised"]), (0, 16, False))
+        self.assertEqual({k: v["processors"][9][k] for k in ("cpu", "package", "core", "smt_siblings", "family",
+                                                             "model_number", "stepping", "microcode", "ppin")},
+                         {"cpu": 9, "package": 1, "core": 0, "smt_siblings": "1,9", "family": 6, "model_number": 26,
+                          "stepping": 5, "microcode": "0x19", "ppin": None})
+        self.assertEqual(v["processors"][9]["l2"], {"size": 262144, "line": 64, "ways": 8, "source": "sysfs",
+                                                    "shared_cpus": "1,9"})
+        status, out, _ = run(["--describe", "-o", "count=1"])
+        self.assertEqual(status, 0)
+        self.assertNotRegex(out, " #1 ")
+        self.assertEqual(sorted(int(c) for c in re.findall(r"^cpu([0-9]+): L2 ", out, re.M)), CPUS)
+        self.assertEqual(run(["--sysroot", tree])[0], 2)  # no run can test a recorded machine
+
     def test_a_default_taken_is_said_even_when_quiet(self):
         status, out, _ = run(["-q", "-o", "count=2000,test_mask=0"])
         self.assertEqual(status, 3)
@@ -116,7 +137,10 @@ class EndToEnd(unittest.TestCase):
         v = lines[-1]
         self.assertEqual(set(v), {"time", "host", "schema_version", "verdict", "exit_status", "elapsed_seconds",
                                   "text", "cpu", "thread", "options", "version", "tested_cpus", "left_out_cpus",
-                                  "failed_cpus", "l2", "failures", "corrected_errors", "warnings"})
+                                  "failed_cpus", "l2", "failures", "corrected_errors", "processors", "machine",
+                                  "warnings"})
+        self.assertEqual([p["cpu"] for p in v["processors"]], CPUS)
+        self.assertEqual(set(v["machine"]), {"host", "kernel", "virtualised", "start_time"})
         self.assertEqual((v["verdict"], v["exit_status"], v["failures"]), ("pass", 0, []))
         self.assertEqual(v["options"], "count=1,test_mask=8")  # what ran, and which build
         self.assertTrue(v["version"].startswith("1.0 "))
@@ -278,7 +302,8 @@ class EndToEnd(unittest.TestCase):
             # A bit stuck at 1 in the Cache Hit test's packed records (its
             # third buffer), all written zero and verified: that worker fails,
             # and the run fails once every worker is joined.
-            ("stuck1,{cpu},2,24,3", 16, 1, hit, r"SUMMARY failure on cpu{cpu}: Cache Hit Stress \(message 8011"),
+            ("stuck1,{cpu},2,24,3", 16, 1, hit,
+             r"SUMMARY failure on cpu{cpu} \(package [0-9]+, core [0-9]+[^)]*\): Cache Hit Stress \(message 8011"),
             # A lost store in the hit test's first buffer, caught by its 64-bit
             # verify (the high half of an element, whose exponent is never 0).
             ("lost,{cpu},0,28", 16, 1, hit, r"VERDICT FAIL: a fault was found on cpu{cpu} "),
@@ -286,7 +311,7 @@ class EndToEnd(unittest.TestCase):
             # before it returns the miscompare. Bit 3 stuck at 1 in one word
             # and at 0 in the next: whatever the pass's pattern, one shows.
             ("stuck1,{cpu},3,24,3;stuck0,{cpu},3,28,3", 1024, 1, (8011, -1, "March with column striding"),
-             r"SUMMARY failure on cpu{cpu}: March with column striding \(message 8011"),
+             r"SUMMARY failure on cpu{cpu} \(package.*\): March with column striding \(message 8011"),
             ("stuck1,{cpu},0,24,3", 32, 0, None, r"VERDICT PASS"),
             ("lost,{cpu},0,99999999999", 8, 2, None, r"#1 "),
         ]:

@@ -155,7 +155,7 @@ TEST(HarnessProcess, BusErrorIsAHardwareFaultWithProcessorAndAddress)
             // Byte 64 of a page-aligned mapping: the address ends in 040.
             return std::regex_search(out, std::regex(" FATAL main #0 hardware fault: bus error \\(SIGBUS\\) on cpu([0-9]+) "
                                                      "at address (0x[0-9a-f]*040)\n(.*\n)*.* SUMMARY failure on "
-                                                     "cpu\\1: .*\\(signal, address \\2\\)\n(.*\n)*.* VERDICT FAIL: "
+                                                     "cpu\\1( \\([^)]*\\))?: .*\\(signal, address \\2\\)\n(.*\n)*.* VERDICT FAIL: "
                                                      "a fault was found on cpu\\1 \\(exit status 1\\)\n$"));
         }));
 }

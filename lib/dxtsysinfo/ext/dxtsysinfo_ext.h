@@ -72,6 +72,36 @@ int read_corrected_errors(const char *root_dir, struct dxt_corrected_errors *sna
 uint64_t corrected_errors_increase(const struct dxt_corrected_errors *before,
                                    const struct dxt_corrected_errors *after);
 
+/* Reads a recorded machine instead of this one, as lscpu --sysroot does:
+ * <dir>/sys/devices/system/cpu and <dir>/proc/cpuinfo (and, where present,
+ * <dir>/proc/sys/kernel/osrelease), with CPUID and sysconf switched off.
+ * Forgets every record built so far; call it before any is handed out. */
+void dxt_tlib_use_sysroot(const char *dir);
+/* The recorded machine's directory, or "" for this machine. */
+const char *dxt_tlib_sysroot(void);
+
+/* Which physical part a processor is, for pulling or returning it. Numbers
+ * are -1 and texts "" where the machine does not say. */
+struct dxt_processor_identity {
+    int package;               /* topology/physical_package_id */
+    int die;                   /* topology/die_id */
+    int core;                  /* topology/core_id */
+    const char *smt_siblings;  /* topology/thread_siblings_list, itself included */
+    const char *model;         /* /proc/cpuinfo "model name" */
+    int family, model_number, stepping;
+    int64_t microcode;         /* /proc/cpuinfo "microcode" */
+    int ppin_known;            /* topology/ppin: readable by root only */
+    uint64_t ppin;
+};
+/* 0, or -1 for a processor the machine does not list. */
+int dxt_tlib_get_processor_identity(int cpu_id, struct dxt_processor_identity *identity);
+
+struct dxt_machine_identity {
+    const char *kernel;  /* the kernel release, "" when not known */
+    int virtualised;     /* 1: the CPUID hypervisor bit (recorded: the cpuinfo flag); 0: not; -1: not known */
+};
+void dxt_tlib_get_machine_identity(struct dxt_machine_identity *machine);
+
 #ifdef __cplusplus
 }
 #endif
