@@ -24,6 +24,7 @@
 #include "burnin.h"
 #include "cpuset.h"
 #include "dxtsysinfo_ext.h"
+#include "reports.h"
 #include "verdict.h"
 
 namespace dxt {
@@ -291,8 +292,7 @@ void say_unfinished(const burn_in_request &request, long long run, const run_out
 
 void burn_in(const burn_in_request &request)
 {
-    dxt_corrected_errors before{}, after{};
-    bool before_ok = read_corrected_errors(nullptr, &before) != 0;
+    ras::snapshot before = ras::read_snapshot("", request.ras_database);
     struct sigaction action = {};
     action.sa_handler = on_stop;
     sigfillset(&action.sa_mask);
@@ -353,7 +353,8 @@ void burn_in(const burn_in_request &request)
         write_retests(request, retests, held);
         end_with(stop_signal != 0 ? exit_signal_base + stop_signal : last);
     }
-    bool after_ok = read_corrected_errors(nullptr, &after) != 0;
+    hardware_report reports =
+        compare_reports(before, ras::read_snapshot("", request.ras_database), request.ras_database);
 
     int status = stop_signal != 0        ? exit_signal_base + stop_signal
                  : found > 0             ? exit_fault_found
@@ -387,7 +388,7 @@ void burn_in(const burn_in_request &request)
         put(text, " (exit status ", status, ")");
 
     burn_in_record record{time(nullptr), status, elapsed, std::string_view(text.data, text.length), runs, passed,
-                          found, failed, compare_corrected_errors(before_ok, before, after_ok, after),
+                          found, failed, &reports,
                           request.host, unfinished, retests};
     std::vector<char> storage(burn_in_room(record));
     text_buffer out{storage.data(), storage.size()};

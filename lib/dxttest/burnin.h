@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "dxttest_internal.h"
+#include "hardware_reports.h"
 #include "verdict.h"
 
 namespace dxt {
@@ -30,6 +31,7 @@ struct burn_in_request {
     long long run_timeout_seconds = default_timeout_seconds;  // each run's own watchdog limit
     int retests = 0;        // after a run that found a fault, the failing subtest this often
     std::string subopts;    // the runs' -o text, for the retests
+    std::string ras_database = ras::default_database;  // read before the first run and after the last
 };
 [[noreturn]] void burn_in(const burn_in_request &request);
 

@@ -37,8 +37,8 @@ namespace {
     X(MSG_CPC_ENABLED, "Performance counters asked for (cpc=Enabled); they stay off on this platform")                \
     X(MSG_GEOMETRY_DEFAULTS, "%s failed on cpu %d (return code %d); testing with default geometry. %s", "", 0, 0, "") \
     X(MSG_USAGE, "usage: %s [-o SUBOPTIONS] [-v | -q] [-d] [--json] [--duration TIME] [--runs N] "                    \
-                 "[--keep-going] [--timeout TIME] [--retest N] [--describe [--sysroot DIR]] [-h] "     \
-                 "[--version]", "")                                                               \
+                 "[--keep-going] [--timeout TIME] [--retest N] [--ras-db PATH] [--describe "        \
+                 "[--sysroot DIR]] [-h] [--version]", "")                                                               \
     X(MSG_WRRDVR_NO_MEMORY, "Write/Read/Verify test could not allocate its buffer")                                   \
     X(MSG_NO_MEMORY, "Could not allocate a test buffer")                                                              \
     X(MSG_BIND_FAILED, "Could not bind the worker thread to cpu %d: %s", 0, "")                                       \
@@ -253,6 +253,9 @@ std::string usage_details(const char *options_text)
         "\n      --retest N after a run that found a fault, run the failing subtest N more"
         "\n                 times on each failing processor alone and on each processor"
         "\n                 that shares its L2, alone"
+        "\n      --ras-db PATH"
+        "\n                 rasdaemon's database of machine checks (default"
+        "\n                 /var/lib/rasdaemon/ras-mc_event.db), read before and after"
         "\n      --describe show what a run would test, each processor's part and L2, and"
         "\n                 the processors left out, and test nothing (with --json, one"
         "\n                 object of processors and machine)"

@@ -1,7 +1,8 @@
 // The harness's command line:
 //   tarneltest [-o SUBOPTIONS] [-v | -q] [-d] [--json]
 //              [--duration TIME] [--runs N] [--keep-going] [--timeout TIME]
-//              [--retest N] [--describe] [--sysroot DIR] [-h] [--version]
+//              [--retest N] [--ras-db PATH] [--describe] [--sysroot DIR]
+//              [-h] [--version]
 // Only the -o texts belong to the test; everything else is the harness's.
 #include <getopt.h>
 
@@ -21,6 +22,7 @@ enum long_only_option {
     opt_retest,
     opt_describe,
     opt_sysroot,
+    opt_ras_db,
 };
 
 const option long_options[] = {
@@ -38,6 +40,7 @@ const option long_options[] = {
     {"retest", required_argument, nullptr, opt_retest},
     {"describe", no_argument, nullptr, opt_describe},
     {"sysroot", required_argument, nullptr, opt_sysroot},
+    {"ras-db", required_argument, nullptr, opt_ras_db},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -149,6 +152,9 @@ command_line parse_command_line(int argc, char **argv)
             break;
         case opt_sysroot:
             result.sysroot = optarg;
+            break;
+        case opt_ras_db:
+            result.ras_database = optarg;
             break;
         case ':':
             result.action = command_action::error;

@@ -31,6 +31,7 @@
 #include "dxttest_internal.h"
 #include "testinfo.h"
 #include "platform_ext.h"
+#include "reports.h"
 #include "verdict.h"
 #include "watchdog.h"
 
@@ -58,8 +59,10 @@ const dxt::machine_description *machine = nullptr;
 // Each processor's part and the machine's identity, for the record.
 std::vector<dxt::processor_entry> *processors = nullptr;
 dxt::machine_entry host_identity{};
-dxt_corrected_errors errors_before;
-bool errors_before_ok = false;
+// What the machine's error reporting said before the run, and the
+// rasdaemon database read.
+ras::snapshot reports_before;
+std::string ras_database = ras::default_database;
 // The machine's name for the verdict record (fleets collect records from
 // many hosts); read once, since a signal handler cannot ask.
 char host_name[256];
@@ -341,7 +344,7 @@ int reporting_processor()
 std::span<const dxt::left_out_processor> lost_so_far() { return {lost, static_cast<size_t>(lost_count.load())}; }
 
 dxt::verdict_record run_record(long long time, int status, const dxt::text_buffer &text, int cpu,
-                               std::span<const dxt::failure_site> failures, const dxt::corrected_check &corrected,
+                               std::span<const dxt::failure_site> failures, const dxt::hardware_report *reports,
                                std::span<const dxt::left_out_processor> left_out = lost_so_far())
 {
     return {time,
@@ -351,7 +354,7 @@ dxt::verdict_record run_record(long long time, int status, const dxt::text_buffe
             cpu,
             machine,
             failures,
-            corrected,
+            reports,
             host_name,
             left_out,
             given_options,
@@ -454,14 +457,12 @@ std::vector<dxt::failure_site> failed_workers(bool none_is_unknown = true)
     return sites;
 }
 
-// The corrected-error counters now against those of test_init.
-dxt::corrected_check check_corrected_errors()
+// What the machine's error reporting saw since test_init.
+dxt::hardware_report check_reports()
 {
     if (machine == nullptr)
         return {};
-    dxt_corrected_errors after;
-    bool after_ok = read_corrected_errors(nullptr, &after) != 0;
-    return dxt::compare_corrected_errors(errors_before_ok, errors_before, after_ok, after);
+    return dxt::compare_reports(reports_before, ras::read_snapshot("", ras_database), ras_database);
 }
 
 // The verdict in the run's form, after what goes before it.
@@ -546,14 +547,15 @@ struct run_end {
         dxt::text_buffer out = signal_buffer(fallback);
         if (e.lead != nullptr)
             dxt::put_message_line(out, *e.lead, display.json);
-        put_verdict(out, run_record(e.time, e.status, reason, e.cpu, e.failures, {}));
+        put_verdict(out, run_record(e.time, e.status, reason, e.cpu, e.failures, nullptr));
         clear_progress();
         write_text(output_fd, out);
         exit_now(e.status);
     }
     std::vector<dxt::left_out_processor> left = left_out_at_end(e.failures);
-    dxt::verdict_record record =
-        run_record(e.time, e.status, reason, e.cpu, e.failures, check_corrected_errors(), left);
+    dxt::hardware_report reports = check_reports();
+    dxt::verdict_record record = run_record(e.time, e.status, reason, e.cpu, e.failures,
+                                            machine != nullptr ? &reports : nullptr, left);
     std::vector<char> storage(dxt::line_capacity + dxt::verdict_room(record));
     dxt::text_buffer out{storage.data(), storage.size()};
     if (e.lead != nullptr)
@@ -681,13 +683,15 @@ void prepare_run()
     machine = new dxt::machine_description(dxt::describe_machine());
     processors = new std::vector<dxt::processor_entry>(dxt::describe_processors(*machine));
     host_identity = dxt::describe_host(now_seconds(), host_name);
-    errors_before_ok = read_corrected_errors(nullptr, &errors_before) != 0;
-    if (const char *note = dxt::corrected_errors_note(errors_before_ok))
-        show_debug(note);
+    reports_before = ras::read_snapshot("", ras_database);
+    // Where a source cannot be read, said once.
+    for (const std::string &why : {reports_before.interrupts_why, reports_before.database_why})
+        if (!why.empty())
+            show_debug("hardware reports not read: " + why);
 
     dxt::failure_site one;
     dxt::line_buffer no_text;
-    dxt::verdict_record largest = run_record(0, 0, no_text, 0, {&one, 1}, {});
+    dxt::verdict_record largest = run_record(0, 0, no_text, 0, {&one, 1}, nullptr);
     size_t processors = std::min(machine->tested.size(), static_cast<size_t>(max_reported));
     largest.lost = {lost, processors};
     // Every tested processor's announcement, with the longest sources.
@@ -837,6 +841,10 @@ void trace(const char *what)
         if (on)
             request.run_args.push_back(flag);
     request.run_args.insert(request.run_args.end(), {"--timeout", std::to_string(line.timeout_seconds)});
+    if (!line.ras_database.empty()) {
+        request.ras_database = line.ras_database;
+        request.run_args.insert(request.run_args.end(), {"--ras-db", line.ras_database});
+    }
     if (line.subopts_given)
         request.run_args.insert(request.run_args.end(), {"-o", line.subopts});
     note_ignored_interrupts();
@@ -902,6 +910,8 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
     if (!line.sysroot.empty())
         dxt_tlib_use_sysroot(line.sysroot.c_str());
     given_options = line.subopts;
+    if (!line.ras_database.empty())
+        ras_database = line.ras_database;
     timeout_ms = line.timeout_seconds * 1000;
     switch (line.action) {
     case dxt::command_action::error:
@@ -1010,10 +1020,21 @@ int test_end(void)
         dxt::put(reason, "test_mask ", test_mask, " selects no subtest: nothing was tested");
         finish({now_seconds(), dxt::exit_could_not_test, view(reason)});
     }
+    // The hardware's own report of an uncorrected error on a tested
+    // processor: it failed under test, whatever the subtests read back.
+    dxt::hardware_report reports = check_reports();
+    std::vector<dxt::failure_site> checks;
+    for (const ras::machine_check *m : dxt::failed_under_test(reports, machine->tested)) {
+        dxt::failure_site site;
+        site.cpu = m->cpu;
+        site.machine_check = m->text.c_str();
+        checks.push_back(site);
+    }
+    if (!checks.empty())
+        finish({now_seconds(), dxt::exit_fault_found, "the hardware reported an uncorrected machine check", checks});
     dxt::put(reason, name_of_test(), " passed in ");
     dxt::put_elapsed(reason, elapsed);
-    dxt::verdict_record record =
-        run_record(now_seconds(), dxt::exit_passed, reason, -1, {}, check_corrected_errors());
+    dxt::verdict_record record = run_record(now_seconds(), dxt::exit_passed, reason, -1, {}, &reports);
     std::vector<char> storage(dxt::verdict_room(record));
     dxt::text_buffer out{storage.data(), storage.size()};
     put_verdict(out, record);

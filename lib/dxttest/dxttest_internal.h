@@ -183,6 +183,7 @@ struct command_line {
     int retests = 0;  // after a fault: the failing subtest again, this often
     bool describe = false;  // say what a run would test, and test nothing
     std::string sysroot;    // a recorded machine to read instead of this one
+    std::string ras_database;  // rasdaemon's database, if not where its service keeps it
 };
 // Parses with getopt_long (resetting its state first); argv is not changed.
 command_line parse_command_line(int argc, char **argv);

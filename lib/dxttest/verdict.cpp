@@ -1,9 +1,11 @@
 // Assembly of the verdict: the JSON record and the text block that close a
 // run, the geometry and progress texts, which subtest a failed worker was
-// in, and what the corrected-error counters say. No allocation anywhere in
-// the assembly (a signal handler uses it).
+// in, and what the machine's own error reporting saw. No allocation in the
+// assembly of a record without hardware reports, which is what a signal
+// handler assembles.
 #include "verdict.h"
 
+#include <cstdlib>
 #include <cstring>
 
 #include "cpuset.h"
@@ -63,6 +65,7 @@ void put_failure_json(text_buffer &out, const failure_site &f)
     }
     put(out, "]");
     put(out, f.hung ? ",\"hung\":true" : ",\"hung\":false");
+    put_text_member(out, "machine_check", f.machine_check != nullptr ? f.machine_check : "", f.machine_check != nullptr);
     put_key(out, "address");
     if (f.address_known) {
         put(out, "\"");
@@ -71,28 +74,6 @@ void put_failure_json(text_buffer &out, const failure_site &f)
     } else {
         put(out, "null");
     }
-    put(out, "}");
-}
-
-void put_corrected_warning(text_buffer &out, const corrected_check &c)
-{
-    put_int(out, static_cast<long long>(c.increase));
-    put(out, c.increase == 1 ? " corrected hardware error" : " corrected hardware errors");
-    put(out, " counted during the run (", c.sources);
-    put(out, "); they do not fail the run, but the hardware is correcting errors");
-}
-
-bool warns(const corrected_check &c) { return c.available && c.increase > 0; }
-
-// ,"corrected_errors":{...}
-void put_corrected_json(text_buffer &out, const corrected_check &c)
-{
-    put(out, ",\"corrected_errors\":{\"checked\":", c.checked ? "true" : "false");
-    put(out, c.available ? ",\"available\":true" : ",\"available\":false");
-    put_text_member(out, "sources", c.sources);
-    put_int_member(out, "before", static_cast<long long>(c.before), c.available);
-    put_int_member(out, "after", static_cast<long long>(c.after), c.available);
-    put_int_member(out, "increase", static_cast<long long>(c.increase), c.available);
     put(out, "}");
 }
 
@@ -239,6 +220,8 @@ void put_failure_line(text_buffer &out, long long time, const failure_site &f,
     put(out, " (");
     if (f.hung)
         put(out, "hung");
+    else if (f.machine_check != nullptr)
+        put(out, "machine check: ", f.machine_check);
     else if (f.message != 0)
         put(out, "message ", f.message);
     else
@@ -252,6 +235,29 @@ void put_failure_line(text_buffer &out, long long time, const failure_site &f,
     put(out, ")\n");
 }
 
+// A burn-in's warnings speak of every processor: its runs failed for
+// themselves.
+std::vector<int> every_processor(const hardware_report &report)
+{
+    std::vector<int> all;
+    for (const ras::processor_counts &p : report.grew)
+        all.push_back(p.cpu);
+    return all;
+}
+
+// The processors a run tested, for its warnings.
+std::vector<std::string> warnings_of(const verdict_record &r)
+{
+    if (r.reports == nullptr)
+        return {};
+    std::vector<int> tested;
+    if (r.machine != nullptr)
+        for (int cpu : r.machine->tested)
+            if (!was_lost(r.lost, cpu))
+                tested.push_back(cpu);
+    return report_warnings(*r.reports, tested);
+}
+
 const processor_entry *entry_of(std::span<const processor_entry> processors, int cpu)
 {
     for (const processor_entry &p : processors)
@@ -260,18 +266,40 @@ const processor_entry *entry_of(std::span<const processor_entry> processors, int
     return nullptr;
 }
 
+// Each id of a kernel list ("0,8", "0-1"), without allocating (a signal
+// handler names the part that failed); false for a malformed list.
+template <typename Visit>
+bool each_listed(const char *list, Visit visit)
+{
+    for (const char *p = list; *p != '\0';) {
+        char *end = nullptr;
+        long first = strtol(p, &end, 10), last = first;
+        if (end == p)
+            return false;
+        if (*end == '-')
+            last = strtol(end + 1, &end, 10);
+        for (long id = first; id <= last; id++)
+            visit(static_cast<int>(id));
+        p = *end == ',' ? end + 1 : end;
+        if (*end != ',' && *end != '\0')
+            return false;
+    }
+    return true;
+}
+
 // "0,8" less the processor itself: "8".
 void put_siblings(text_buffer &out, const char *list, int cpu)
 {
-    std::vector<int> ids;
-    if (!parse_cpu_list(list, &ids)) {
+    size_t start = out.length;
+    cpu_list_writer others = list_into(out);
+    if (!each_listed(list, [&](int id) {
+            if (id != cpu)
+                others.add(id);
+        })) {
+        out.length = start;
         put(out, "unknown");
         return;
     }
-    cpu_list_writer others = list_into(out);
-    for (int id : ids)
-        if (id != cpu)
-            others.add(id);
     others.finish();
     if (!others.any)
         put(out, "none");
@@ -290,9 +318,9 @@ void put_part(text_buffer &out, std::span<const processor_entry> processors, int
     if (p == nullptr || !p->known)
         return;
     put(out, " (package ", p->id.package, ", core ", p->id.core);
-    std::vector<int> ids;
-    if (parse_cpu_list(p->id.smt_siblings, &ids) && ids.size() > 1) {
-        put(out, ids.size() > 2 ? ", SMT siblings cpu" : ", SMT sibling cpu");
+    int threads = 0;
+    if (each_listed(p->id.smt_siblings, [&](int) { threads++; }) && threads > 1) {
+        put(out, threads > 2 ? ", SMT siblings cpu" : ", SMT sibling cpu");
         put_siblings(out, p->id.smt_siblings, cpu);
     }
     if (p->id.ppin_known) {
@@ -460,33 +488,6 @@ subtest_set possible_subtests(int32_t mask, int last_started, bool last_ended, b
     return fitting.count > 0 ? fitting : after;
 }
 
-corrected_check compare_corrected_errors(bool before_ok, const dxt_corrected_errors &before, bool after_ok,
-                                         const dxt_corrected_errors &after)
-{
-    corrected_check c;
-    c.checked = true;
-    bool edac = before_ok && after_ok && before.edac_available && after.edac_available;
-    bool mce = before_ok && after_ok && before.mce_available && after.mce_available;
-    c.available = edac || mce;
-    if (!c.available)
-        return c;
-    c.before = (edac ? before.edac_corrected : 0) + (mce ? before.machine_checks : 0);
-    c.after = (edac ? after.edac_corrected : 0) + (mce ? after.machine_checks : 0);
-    c.increase = corrected_errors_increase(&before, &after);
-    c.sources = edac && mce ? "EDAC memory controllers and machine-check exceptions"
-                : edac      ? "EDAC memory controllers"
-                            : "machine-check exceptions";
-    return c;
-}
-
-const char *corrected_errors_note(bool available)
-{
-    if (available)
-        return nullptr;
-    return "corrected hardware errors are not checked: no EDAC memory controller count "
-           "(/sys/devices/system/edac/mc) and no MCE line in /proc/interrupts can be read here";
-}
-
 size_t verdict_room(const verdict_record &r)
 {
     // Escaping makes a character at most six bytes; the fixed keys and
@@ -502,6 +503,8 @@ size_t verdict_room(const verdict_record &r)
     for (const subtest &s : subtests())
         names += 12 * strlen(s.name) + 16;
     room += r.failures.size() * (512 + names);
+    if (r.reports != nullptr)
+        room += report_room(*r.reports);
     for (const processor_entry &p : r.processors)
         room += 1024 + 6 * ((p.known ? strlen(p.id.model) + strlen(p.id.smt_siblings) : 0) + strlen(p.l2.shared_cpus));
     return room;
@@ -564,14 +567,14 @@ void put_verdict_record(text_buffer &out, const verdict_record &r)
         put_failure_json(out, f);
     }
     put(out, "]");
-    put_corrected_json(out, r.corrected);
+    if (r.reports != nullptr)
+        put_report_json(out, *r.reports);
     if (r.host_identity != nullptr)
         put_identity_json(out, r.processors, *r.host_identity);
     put(out, ",\"warnings\":[");
-    if (warns(r.corrected)) {
-        line_buffer warning;
-        put_corrected_warning(warning, r.corrected);
-        put_json_string(out, std::string_view(warning.data, warning.length));
+    for (const std::string &warning : warnings_of(r)) {
+        put_comma(out);
+        put_json_string(out, warning);
     }
     put(out, "]}\n");
 }
@@ -582,11 +585,9 @@ void put_verdict_block(text_buffer &out, const verdict_record &r, bool quiet)
         put_processor_lines(out, r);
     for (const failure_site &f : r.failures)
         put_failure_line(out, r.time, f, r.processors);
-    if (warns(r.corrected)) {
+    for (const std::string &warning : warnings_of(r)) {
         start_summary_line(out, r.time);
-        put(out, "WARNING: ");
-        put_corrected_warning(out, r.corrected);
-        put(out, "\n");
+        put(out, "WARNING: ", warning, "\n");
     }
     put_verdict_line(out, {r.time, verdict_word(r.exit_status), r.text});
 }
@@ -657,7 +658,7 @@ size_t burn_in_room(const burn_in_record &r)
         names += 160 + 6 * u.how.size();
     for (const retest_result &t : r.retests)
         names += 320 + 6 * t.subtest.size();
-    return 4096 + 6 * (r.text.size() + r.host.size()) + 2 * names;
+    return 4096 + 6 * (r.text.size() + r.host.size()) + 2 * names + (r.reports != nullptr ? report_room(*r.reports) : 0);
 }
 
 void put_burn_in_record(text_buffer &out, const burn_in_record &r)
@@ -689,7 +690,15 @@ void put_burn_in_record(text_buffer &out, const burn_in_record &r)
     put_retests_json(out, r.retests);
     put_key(out, "elapsed_seconds");
     put_seconds(out, r.elapsed_ms);
-    put_corrected_json(out, r.corrected);
+    if (r.reports != nullptr) {
+        put_report_json(out, *r.reports);
+        put(out, ",\"warnings\":[");
+        for (const std::string &warning : report_warnings(*r.reports, every_processor(*r.reports))) {
+            put_comma(out);
+            put_json_string(out, warning);
+        }
+        put(out, "]");
+    }
     put(out, "}\n");
 }
 
@@ -717,13 +726,11 @@ void put_burn_in_block(text_buffer &out, const burn_in_record &r)
         put_retest_text(out, r.retests);
         put(out, "\n");
     }
-    start_summary_line(out, r.time);
-    if (r.corrected.available) {
-        put(out, "corrected hardware errors during the burn-in: ", static_cast<long long>(r.corrected.increase));
-        put(out, " (", r.corrected.sources, ")\n");
-    } else {
-        put(out, corrected_errors_note(false), "\n");
-    }
+    if (r.reports != nullptr)
+        for (const std::string &warning : report_warnings(*r.reports, every_processor(*r.reports))) {
+            start_summary_line(out, r.time);
+            put(out, "WARNING: ", warning, "\n");
+        }
     start_summary_line(out, r.time);
     put(out, "elapsed ");
     put_duration(out, r.elapsed_ms);

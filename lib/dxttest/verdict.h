@@ -1,7 +1,7 @@
 // The verdict of a run as the harness assembles it: what the machine
 // offered (the processors tested and left out, each one's L2 geometry with
-// its source), where the run failed (processor and subtest), how the
-// corrected-error counters moved, and the JSON record or the text block
+// its source), where the run failed (processor and subtest), what the
+// machine's own error reporting saw, and the JSON record or the text block
 // that says all of it at the end. Pure pieces, open to the unit tests; the
 // assembly is async-signal-safe so that a signal handler can use it.
 #ifndef TARNEL_DXTTEST_VERDICT_H
@@ -15,11 +15,12 @@
 
 #include "dxttest_internal.h"
 #include "dxtsysinfo_ext.h"
+#include "reports.h"
 
 namespace dxt {
 
 // The record's layout; raised when a key changes meaning or goes away.
-constexpr int verdict_schema_version = 1;
+constexpr int verdict_schema_version = 2;
 
 // One tested processor's L2 as its worker takes it, with where each value
 // came from ("sysfs", "CPUID leaf 4", ..., "sysconf", "defaults").
@@ -106,6 +107,7 @@ struct failure_site {
     bool address_known = false;  // where a memory error was consumed (SIGBUS)
     uintptr_t address = 0;
     bool hung = false;  // the watchdog found the worker making no progress
+    const char *machine_check = nullptr;  // an uncorrected machine check's text, recorded meanwhile
 };
 
 // Whether the run meant to test the processor but did not.
@@ -113,20 +115,6 @@ bool was_lost(std::span<const left_out_processor> lost, int cpu);
 
 // Whether failures[i] names a processor that no earlier failure names.
 bool names_new_cpu(std::span<const failure_site> failures, size_t i);
-
-// The corrected-error counters before and after a run.
-struct corrected_check {
-    bool checked = false;    // both readings were attempted
-    bool available = false;  // some source answered both times
-    uint64_t before = 0;
-    uint64_t after = 0;
-    uint64_t increase = 0;
-    const char *sources = "";  // the sources that answered both times
-};
-corrected_check compare_corrected_errors(bool before_ok, const dxt_corrected_errors &before, bool after_ok,
-                                         const dxt_corrected_errors &after);
-// The debug note for a machine without any counter, or nullptr.
-const char *corrected_errors_note(bool available);
 
 struct verdict_record {
     long long time;
@@ -136,7 +124,7 @@ struct verdict_record {
     int cpu;                                // the processor of the worker that ended the run; -1: main
     const machine_description *machine;     // nullptr: nothing was tested (usage)
     std::span<const failure_site> failures;
-    corrected_check corrected;
+    const hardware_report *reports;         // nullptr: not read (a usage error, a signal handler)
     std::string_view host = {};             // the machine's name; empty: unknown
     std::span<const left_out_processor> lost = {};  // meant to be tested, but were not
     std::string_view options = {};          // the -o text as given
@@ -204,7 +192,7 @@ struct burn_in_record {
     long long runs_passed;
     long long runs_failed;  // runs that found a fault
     std::span<const failed_run> failed_runs;
-    corrected_check corrected;  // before the first run and after the last
+    const hardware_report *reports;  // before the first run and after the last
     std::string_view host;
     std::span<const unfinished_run> unfinished = {};
     std::span<const retest_result> retests = {};

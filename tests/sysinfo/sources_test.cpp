@@ -15,6 +15,7 @@
 
 #include "cacheinfo_sources.h"
 #include "dxtsysinfo_ext.h"
+#include "hardware_reports.h"
 #include "recorded_cpuid.h"
 
 namespace {
@@ -195,34 +196,64 @@ TEST_F(fixture_tree, a_map_that_disagrees_with_the_list_wins)
     EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(2), "2");
 }
 
-TEST_F(fixture_tree, corrected_errors_sum_edac_and_the_machine_check_line)
+// The machine's reports, each kind apart and by processor: /proc/interrupts
+// columns follow its header (processors may be missing), the EDAC counts
+// sum over the memory controllers, the throttle counts are per processor.
+TEST_F(fixture_tree, hardware_reports_by_processor_and_kind)
 {
-    dxt_corrected_errors before;
-    EXPECT_EQ(read_corrected_errors(root.c_str(), &before), 0);
-    EXPECT_EQ(before.edac_available + before.mce_available, 0);
-    EXPECT_EQ(before.total, 0u);
+    ras::snapshot none = ras::read_snapshot(root, "");
+    EXPECT_TRUE(none.processors.empty());
+    EXPECT_NE(none.interrupts_why, "");
+    EXPECT_EQ(none.edac_corrected, -1);
 
     const std::string edac = "sys/devices/system/edac/mc/";
     write(edac + "mc0/ce_count", "3");
     write(edac + "mc0/ce_noinfo_count", "1");
+    write(edac + "mc0/ue_count", "0");
     write(edac + "mc1/ce_count", "10");
     write(edac + "mcx/ce_count", "100");  // not a memory controller
-    write("proc/interrupts", "            CPU0       CPU1\n"
+    write("sys/devices/system/cpu/cpu2/thermal_throttle/core_throttle_count", "4");
+    write("proc/interrupts", "            CPU0       CPU2\n"
                              " MCE:          2          5   Machine check exceptions\n"
-                             " MCP:        312        312   Machine check polls");
-    dxt_corrected_errors after;
-    ASSERT_EQ(read_corrected_errors(root.c_str(), &after), 1);
-    EXPECT_EQ(after.edac_available, 1);
-    EXPECT_EQ(after.edac_corrected, 14u);
-    EXPECT_EQ(after.mce_available, 1);
-    EXPECT_EQ(after.machine_checks, 7u);
-    EXPECT_EQ(after.total, 21u);
-    // A source missing from either snapshot adds nothing; a reset counter neither.
-    EXPECT_EQ(corrected_errors_increase(&before, &after), 0u);
-    dxt_corrected_errors later = after;
-    later.edac_corrected = 2;
-    later.machine_checks = 9;
-    EXPECT_EQ(corrected_errors_increase(&after, &later), 2u);
+                             " MCP:        312        312   Machine check polls\n"
+                             " THR:          0          7   Threshold APIC interrupts\n"
+                             " TRM:          1          0   Thermal event interrupts");
+    ras::snapshot s = ras::read_snapshot(root, "");
+    EXPECT_EQ(s.interrupts_why, "");
+    EXPECT_EQ((std::array{s.edac_corrected, s.edac_uncorrected}), (std::array<int64_t, 2>{14, 0}));
+    ASSERT_EQ(s.processors.size(), 2u);
+    const ras::processor_counts &a = s.processors[0], &b = s.processors[1];
+    EXPECT_EQ((std::array{a.cpu, b.cpu}), (std::array{0, 2}));
+    EXPECT_EQ((std::array{a.mce, a.thr, a.dfr, a.trm, a.core_throttle}), (std::array<int64_t, 5>{2, 0, -1, 1, -1}));
+    EXPECT_EQ((std::array{b.mce, b.thr, b.dfr, b.trm, b.core_throttle}), (std::array<int64_t, 5>{5, 7, -1, 0, 4}));
+}
+
+// A machine check as rasdaemon stores it: corrected from the status word
+// (AMD's deferred errors are not), L2 from its level or AMD's unit name.
+TEST(machine_checks, corrected_and_l2_from_status_and_unit)
+{
+    const int64_t valid = int64_t(1ULL << 63), uc = int64_t(1) << 61, deferred = int64_t(1) << 44;
+    const struct {
+        int64_t status;
+        bool amd;
+        const char *bank_name, *error_msg;
+        bool corrected, l2;
+    } rows[] = {
+        {valid | 0x010A, false, "", "Data CACHE Level-2 Data-Read Error", true, true},  // Intel, TT 01, LL 10
+        {valid | 0x110A, false, "", "Data CACHE Level-2 Data-Read Error", true, true},  // the filter bit set
+        {valid | 0x0109, false, "", "Data CACHE Level-1 Data-Read Error", true, false},
+        {valid | uc | 0x010A, false, "", "Generic CACHE Level-2 Generic Error", false, true},
+        {valid | 0x0012, false, "", "Level-2 TLB error", true, false},  // a TLB error names a level too
+        {valid | 0x0135, true, "L2 Cache (bank=2)", "Corrected error, no action required.", true, true},
+        {valid | deferred | 0x0135, true, "L2 Cache (bank=2)", "Deferred error, no action required.", false, true},
+        {valid | 0x0135, true, "L3 Cache (bank=7)", "Corrected error, no action required.", true, false},
+        {uc | 0x010A, false, "", "not valid", false, true},
+    };
+    for (const auto &r : rows) {
+        ras::machine_check m = ras::classify(1, 3, 2, r.status, r.amd, r.bank_name, r.error_msg, r.error_msg);
+        EXPECT_EQ((std::array{m.corrected, m.l2_cache}), (std::array{r.corrected, r.l2})) << r.error_msg;
+        EXPECT_EQ(m.text, *r.bank_name ? std::string(r.bank_name) + "; " + r.error_msg : r.error_msg);
+    }
 }
 
 using fields = std::array<uint32_t, 4>;  // source, size, line size, ways

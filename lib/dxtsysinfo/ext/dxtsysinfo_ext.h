@@ -1,7 +1,7 @@
 /* The information library's calls beyond the cache record and the vendor:
  * where each value of a processor's cache record came from, which
- * processors share its second-level cache, and the machine's counters of
- * corrected hardware errors. C linkage, usable from C and C++; every text
+ * processors share its second-level cache, and which physical part each
+ * processor is. C linkage, usable from C and C++; every text
  * returned stays valid to the end of the process.
  */
 #ifndef TARNEL_DXTSYSINFO_EXT_H
@@ -47,30 +47,6 @@ const char *dxt_tlib_cache_source_text(uint32_t source);
  * in descriptor 4: a processor whose descriptor 4 is empty gives
  * "unknown". */
 const char *dxt_tlib_get_l2_shared_cpus(int cpu_id);
-
-/* The machine's counters of corrected hardware errors at one moment. A
- * counter whose source is not available reads 0. */
-struct dxt_corrected_errors {
-    int edac_available;         /* 1: at least one memory controller's count was read */
-    uint64_t edac_corrected;    /* EDAC: ce_count + ce_noinfo_count, summed over mc* */
-    int mce_available;          /* 1: /proc/interrupts has its machine-check line */
-    uint64_t machine_checks;    /* the "MCE:" line, summed over processors */
-    uint64_t total;             /* edac_corrected + machine_checks */
-};
-
-/* Reads the counters under root_dir ("/" or NULL for this machine; a test
- * passes a directory laid out the same way):
- *   <root>/sys/devices/system/edac/mc/mc<N>/ce_count and ce_noinfo_count
- *   <root>/proc/interrupts, line "MCE:" (machine-check exceptions; the
- *   "MCP:" polls line is not an error count)
- * A missing or malformed file is passed over. Returns 1 when at least one
- * source was available, 0 when none was (snapshot then all zero). */
-int read_corrected_errors(const char *root_dir, struct dxt_corrected_errors *snapshot);
-
-/* How much the counters grew from `before` to `after`, counting only the
- * sources available in both; a counter that went down (reset) adds 0. */
-uint64_t corrected_errors_increase(const struct dxt_corrected_errors *before,
-                                   const struct dxt_corrected_errors *after);
 
 /* Reads a recorded machine instead of this one, as lscpu --sysroot does:
  * <dir>/sys/devices/system/cpu and <dir>/proc/cpuinfo (and, where present,

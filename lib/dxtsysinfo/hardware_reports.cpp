@@ -1,0 +1,180 @@
+// What the machine's own error reporting says (hardware_reports.h).
+#include "hardware_reports.h"
+
+#include <dirent.h>
+#include <sqlite3.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "cacheinfo_sources.h"
+
+namespace ras {
+
+namespace {
+
+// The status word of a machine-check bank (MCi_STATUS).
+constexpr int status_valid = 63, status_uncorrected = 61, status_deferred = 44;
+constexpr int64_t cache_error_mask = 0xEF00, cache_error_code = 0x0100;  // 0000 0001 RRRR TTLL, bit 12 a filter
+constexpr int64_t level_mask = 0x3, level_2 = 0x2;
+// The kernel's x86 vendor codes that rasdaemon stores: AMD and Hygon use
+// AMD's banks (SMCA), where the status alone cannot name the unit.
+constexpr int vendor_amd = 2, vendor_hygon = 9;
+
+bool bit(int64_t word, int n) { return (static_cast<uint64_t>(word) >> n) & 1; }
+
+int64_t count_in(const std::string &path)
+{
+    std::string text = read_line(path);
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
+        return -1;
+    return strtoll(text.c_str(), nullptr, 10);
+}
+
+// /proc/interrupts: a header of CPU<N> columns, then one line per source.
+std::string read_interrupts(const std::string &root, std::vector<processor_counts> *processors)
+{
+    std::ifstream file(root + "/proc/interrupts");
+    std::string header;
+    if (!std::getline(file, header))
+        return root + "/proc/interrupts cannot be read";
+    std::istringstream columns(header);
+    for (std::string name; columns >> name;)
+        if (name.starts_with("CPU"))
+            processors->push_back({atoi(name.c_str() + 3)});
+    const std::map<std::string, int64_t processor_counts::*> kinds = {
+        {"MCE:", &processor_counts::mce}, {"THR:", &processor_counts::thr},
+        {"DFR:", &processor_counts::dfr}, {"TRM:", &processor_counts::trm}};
+    for (std::string line; std::getline(file, line);) {
+        std::istringstream fields(line);
+        std::string name;
+        fields >> name;
+        auto kind = kinds.find(name);
+        if (kind == kinds.end())
+            continue;
+        for (processor_counts &p : *processors) {
+            std::string field;
+            if (!(fields >> field) || field.find_first_not_of("0123456789") != std::string::npos)
+                break;
+            p.*(kind->second) = strtoll(field.c_str(), nullptr, 10);
+        }
+    }
+    return "";
+}
+
+// The memory controllers' corrected and uncorrected counts, summed (with
+// the errors they could not place on a row).
+void read_edac(const std::string &root, snapshot *s)
+{
+    std::string dir = root + "/sys/devices/system/edac/mc";
+    DIR *listing = opendir(dir.c_str());
+    if (listing == nullptr)
+        return;
+    while (const dirent *item = readdir(listing)) {
+        std::string name = item->d_name;
+        if (!name.starts_with("mc") || name.size() == 2 || name.find_first_not_of("0123456789", 2) != std::string::npos)
+            continue;
+        for (auto [count, file] : {std::pair{&s->edac_corrected, "ce"}, {&s->edac_uncorrected, "ue"}}) {
+            int64_t n = count_in(dir + "/" + name + "/" + file + "_count");
+            if (n < 0)
+                continue;
+            int64_t noinfo = count_in(dir + "/" + name + "/" + file + "_noinfo_count");
+            *count = std::max<int64_t>(*count, 0) + n + std::max<int64_t>(noinfo, 0);
+        }
+    }
+    closedir(listing);
+}
+
+// rasdaemon's database, read-only and patient with its writer.
+sqlite3 *open_database(const std::string &path, std::string *why)
+{
+    sqlite3 *db = nullptr;
+    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
+        *why = "rasdaemon's database " + path + " cannot be opened: " + (db ? sqlite3_errmsg(db) : "no memory");
+        sqlite3_close(db);
+        return nullptr;
+    }
+    sqlite3_busy_timeout(db, 2000);
+    return db;
+}
+
+std::string column_text(sqlite3_stmt *row, int column)
+{
+    const unsigned char *text = sqlite3_column_text(row, column);
+    return text != nullptr ? reinterpret_cast<const char *>(text) : "";
+}
+
+}  // namespace
+
+machine_check classify(int64_t id, int cpu, int bank, int64_t status, bool amd, const std::string &bank_name,
+                       const std::string &error_msg, const std::string &mcastatus_msg)
+{
+    machine_check m{id, cpu, bank, false, false, ""};
+    m.corrected = bit(status, status_valid) && !bit(status, status_uncorrected) && !(amd && bit(status, status_deferred));
+    // The status word's level where it says one; AMD's banks name the unit.
+    m.l2_cache = ((status & cache_error_mask) == cache_error_code && (status & level_mask) == level_2) ||
+                 (amd && bank_name.starts_with("L2 Cache"));
+    for (const std::string &part : {bank_name, error_msg, mcastatus_msg})
+        if (!part.empty() && m.text.find(part) == std::string::npos)
+            m.text += (m.text.empty() ? "" : "; ") + part;
+    return m;
+}
+
+std::vector<machine_check> records_since(const std::string &database, int64_t after, std::string *why)
+{
+    std::vector<machine_check> found;
+    sqlite3 *db = open_database(database, why);
+    if (db == nullptr)
+        return found;
+    // Columns by name: releases add theirs (ppin, microcode), and an
+    // upgraded database appends them.
+    sqlite3_stmt *rows = nullptr;
+    const char *query = "SELECT id, cpu, bank, status, cpuvendor, bank_name, error_msg, mcastatus_msg "
+                        "FROM mce_record WHERE id > ? ORDER BY id";
+    if (sqlite3_prepare_v2(db, query, -1, &rows, nullptr) != SQLITE_OK) {
+        *why = "rasdaemon's database " + database + " has no machine-check records: " + sqlite3_errmsg(db);
+    } else {
+        sqlite3_bind_int64(rows, 1, after);
+        while (sqlite3_step(rows) == SQLITE_ROW) {
+            int vendor = sqlite3_column_int(rows, 4);
+            found.push_back(classify(sqlite3_column_int64(rows, 0), sqlite3_column_int(rows, 1),
+                                     sqlite3_column_int(rows, 2), sqlite3_column_int64(rows, 3),
+                                     vendor == vendor_amd || vendor == vendor_hygon, column_text(rows, 5),
+                                     column_text(rows, 6), column_text(rows, 7)));
+        }
+    }
+    sqlite3_finalize(rows);
+    sqlite3_close(db);
+    return found;
+}
+
+snapshot read_snapshot(const std::string &root, const std::string &database)
+{
+    snapshot s;
+    s.interrupts_why = read_interrupts(root, &s.processors);
+    for (processor_counts &p : s.processors) {
+        std::string dir = root + "/sys/devices/system/cpu/cpu" + std::to_string(p.cpu) + "/thermal_throttle/";
+        p.core_throttle = count_in(dir + "core_throttle_count");
+        p.package_throttle = count_in(dir + "package_throttle_count");
+    }
+    read_edac(root, &s);
+    if (database.empty()) {
+        s.database_why = "no rasdaemon database was named";
+        return s;
+    }
+    if (sqlite3 *db = open_database(database, &s.database_why)) {
+        sqlite3_stmt *newest = nullptr;
+        if (sqlite3_prepare_v2(db, "SELECT coalesce(max(id), 0) FROM mce_record", -1, &newest, nullptr) == SQLITE_OK &&
+            sqlite3_step(newest) == SQLITE_ROW)
+            s.database_last_id = sqlite3_column_int64(newest, 0);
+        else
+            s.database_why = "rasdaemon's database " + database + " has no machine-check records: " + sqlite3_errmsg(db);
+        sqlite3_finalize(newest);
+        sqlite3_close(db);
+    }
+    return s;
+}
+
+}  // namespace ras
