@@ -31,6 +31,7 @@
 #include "dxttest_internal.h"
 #include "testinfo.h"
 #include "platform_ext.h"
+#include "conditions.h"
 #include "reports.h"
 #include "verdict.h"
 #include "watchdog.h"
@@ -62,6 +63,8 @@ dxt::machine_entry host_identity{};
 // What the machine's error reporting said before the run, and the
 // rasdaemon database read.
 ras::snapshot reports_before;
+dxt::conditions conditions_before;
+std::atomic<int> lock_failures{0};  // buffers the test could not lock, as its debug texts say
 std::string ras_database = ras::default_database;
 // The machine's name for the verdict record (fleets collect records from
 // many hosts); read once, since a signal handler cannot ask.
@@ -462,7 +465,9 @@ dxt::hardware_report check_reports()
 {
     if (machine == nullptr)
         return {};
-    return dxt::compare_reports(reports_before, ras::read_snapshot("", ras_database), ras_database);
+    dxt::hardware_report r = dxt::compare_reports(reports_before, ras::read_snapshot("", ras_database), ras_database);
+    r.conditions = dxt::condition_warnings(conditions_before, dxt::read_conditions(machine->tested), lock_failures);
+    return r;
 }
 
 // The verdict in the run's form, after what goes before it.
@@ -684,6 +689,7 @@ void prepare_run()
     processors = new std::vector<dxt::processor_entry>(dxt::describe_processors(*machine));
     host_identity = dxt::describe_host(now_seconds(), host_name);
     reports_before = ras::read_snapshot("", ras_database);
+    conditions_before = dxt::read_conditions(machine->tested);
     // Where a source cannot be read, said once.
     for (const std::string &why : {reports_before.interrupts_why, reports_before.database_why})
         if (!why.empty())
@@ -979,6 +985,14 @@ int dxt_message(int exit_flag, int level, const char *tag, int number, ...)
     va_start(args, number);
     std::optional<dxt::l2_geometry> geometry = note_report(number, tag, args);
     va_end(args);
+    if (number == MSG_FREE_TEXT) {
+        // Every buffer's lock-failure text says so; the run goes on unlocked.
+        va_start(args, number);
+        const char *format = va_arg(args, const char *);
+        va_end(args);
+        if (format != nullptr && strstr(format, "mlock failed") != nullptr)
+            lock_failures++;
+    }
     if (exit_flag == 0 && !dxt::level_shown(display, level, number))
         return 0;
     char text[dxt::text_capacity];

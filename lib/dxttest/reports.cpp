@@ -73,6 +73,7 @@ std::vector<std::string> report_warnings(const hardware_report &r, std::span<con
     if (r.edac_uncorrected > 0)
         said.push_back(counted(r.edac_uncorrected, "uncorrected memory error", "uncorrected memory errors") +
                        " counted by the EDAC memory controllers (memory, not the cache)");
+    said.insert(said.end(), r.conditions.begin(), r.conditions.end());
     return said;
 }
 

@@ -21,12 +21,13 @@ struct hardware_report {
     int64_t edac_corrected = -1, edac_uncorrected = -1;  // growth; -1: no controller both times
     std::vector<ras::machine_check> machine_checks;      // recorded meanwhile
     std::vector<std::string> unread;           // why each source could not be read
+    std::vector<std::string> conditions;       // the run's conditions (conditions.h), said with the warnings
 };
 
 hardware_report compare_reports(const ras::snapshot &before, const ras::snapshot &after,
                                 const std::string &database);
 // The warnings of a report for the processors tested (or of all, for a
-// burn-in's whole span).
+// burn-in's whole span), the run's conditions last.
 std::vector<std::string> report_warnings(const hardware_report &report, std::span<const int> tested);
 // The uncorrected machine checks on tested processors.
 std::vector<const ras::machine_check *> failed_under_test(const hardware_report &report, std::span<const int> tested);

@@ -179,6 +179,48 @@ class EndToEnd(unittest.TestCase):
                     self.assertIn("uncorrected L2 cache error on cpu4095, bank 6 (not tested): Data CACHE Level-2 "
                                   "Data-Read Error", v["warnings"])
 
+    def test_run_conditions_are_warnings(self):
+        """Buffers not locked (an unprivileged user under ulimit -l 0), CPU
+        time a cgroup quota withheld, and another instance on the same
+        processors: each a warning, none changing the status."""
+        args = ["-q", "-o", "count=1,test_mask=16"]
+        status, out, err = run(["-c", 'ulimit -l 0 && exec setpriv --reuid=65534 --regid=65534 --clear-groups '
+                                '"$0" "$@"', BINARY] + args, binary="sh")
+        if "setpriv" in err or "ulimit" in err:
+            self.skipTest(f"cannot drop the memory-lock privilege here: {err.strip()}")
+        self.assertEqual(status, 0)
+        # (A sanitizer's runtime takes mlock over and never refuses it.)
+        if not (os.environ.get("ASAN_OPTIONS") or os.environ.get("TSAN_OPTIONS")):
+            self.assertRegex(out, r"WARNING: [0-9]+ buffers could not be locked in memory \(mlock refused; the "
+                                  r"memory-lock limit is 0 KiB\)")
+        with subprocess.Popen([BINARY, "-q", "-o", "count=4"], stdout=subprocess.PIPE, text=True) as first:
+            time.sleep(0.3)
+            status, out, _ = run(args)
+            self.assertEqual(status, 0)
+            self.assertIn(f"WARNING: another tarneltest, pid {first.pid} (cpus ", out)
+            first.communicate(timeout=60)
+        for group, quota in [("/sys/fs/cgroup/tarneltest-e2e", ("cpu.max", "2000 100000")),
+                             ("/sys/fs/cgroup/cpu/tarneltest-e2e", ("cpu.cfs_quota_us", "2000"))]:
+            try:
+                os.mkdir(group)
+            except OSError:
+                continue
+            try:
+                with open(os.path.join(group, quota[0]), "w") as f:
+                    f.write(quota[1])
+                procs = os.path.join(group, "cgroup.procs")
+                status, out, _ = run(["-c", f'echo $$ > {procs} && exec "$0" "$@"', BINARY, "-q", "-o",
+                                      "count=2,test_mask=16"], binary="sh")
+                self.assertEqual(status, 0)
+                self.assertRegex(out, r"WARNING: CPU time was throttled by a cgroup quota \(.*2000.*\) in [0-9]+ of "
+                                      r"[0-9]+ periods")
+                return
+            except OSError:
+                continue
+            finally:
+                os.rmdir(group)
+        self.skipTest("no cgroup with a CPU quota can be made here")
+
     def test_a_default_taken_is_said_even_when_quiet(self):
         status, out, _ = run(["-q", "-o", "count=2000,test_mask=0"])
         self.assertEqual(status, 3)
