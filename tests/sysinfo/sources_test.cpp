@@ -1,6 +1,7 @@
-// The sources of cache geometry and of corrected-error counts on trees laid
-// out by the test, with CPUID registers recorded from real processors and
-// made-up sysconf answers.
+// The sources of cache geometry and the machine's hardware reports on trees
+// laid out by the test, with CPUID registers recorded from real processors
+// and made-up sysconf answers. (Recorded machines that sysfs alone describes
+// are replayed through --sysroot: machines/.)
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <unistd.h>
@@ -178,22 +179,6 @@ TEST_F(fixture_tree, l2_sharers_from_the_kernel_list_else_cpuid)
     EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(0), "0-3");
     EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(1), "1,3");
     EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(2), "0,2");
-}
-
-TEST_F(fixture_tree, a_map_that_disagrees_with_the_list_wins)
-{
-    // A recorded Opteron 6276 (Bulldozer: a module's two cores share an
-    // L2) on an older kernel: cpu0's list says "0", its map 0x3.
-    for (int cpu = 0; cpu < 2; cpu++) {
-        fs::path l2 = entry(cpu, 2, 2, "Unified", "2048K", 64, 16);
-        write(l2 / "shared_cpu_list", cpu == 0 ? "0" : "0-1");
-        write(l2 / "shared_cpu_map", cpu == 0 ? "00000000,00000003" : "00000000,00000003");
-    }
-    fs::path lone = entry(2, 2, 2, "Unified", "2048K", 64, 16);
-    write(lone / "shared_cpu_list", "2");  // no map: the list stands
-    EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(0), "0-1");
-    EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(1), "0-1");
-    EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(2), "2");
 }
 
 // The machine's reports, each kind apart and by processor: /proc/interrupts
