@@ -362,6 +362,7 @@ dxt::verdict_record run_record(long long time, int status, const dxt::text_buffe
             left_out,
             given_options,
             dxt_test_version,
+            TARNEL_BUILD,
             {announced, static_cast<size_t>(announced_count.load())},
             processors != nullptr ? std::span<const dxt::processor_entry>(*processors)
                                   : std::span<const dxt::processor_entry>(),
@@ -669,9 +670,11 @@ void show_version()
         dxt::put_json_string(line, name_of_test());
         dxt::put(line, ",\"version\":");
         dxt::put_json_string(line, dxt_test_version);
+        dxt::put(line, ",\"build\":");
+        dxt::put_json_string(line, TARNEL_BUILD);
         dxt::put(line, "}\n");
     } else {
-        dxt::put(line, name_of_test(), " version ", dxt_test_version, "\n");
+        dxt::put(line, name_of_test(), " version ", dxt_test_version, ", build ", TARNEL_BUILD, "\n");
     }
     write_text(STDOUT_FILENO, line);
 }

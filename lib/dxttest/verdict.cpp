@@ -125,7 +125,7 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
 {
     start_summary_line(out, r.time);
     if (!r.version.empty())
-        put(out, "version ", r.version, ", ");
+        put(out, "version ", r.version, ", build ", r.build, ", ");
     put(out, "sub-options \"", r.options, "\"\n");
 
     start_summary_line(out, r.time);
@@ -492,7 +492,8 @@ size_t verdict_room(const verdict_record &r)
 {
     // Escaping makes a character at most six bytes; the fixed keys and
     // numbers fit in the constant parts.
-    size_t room = 4096 + 6 * (r.text.size() + r.host.size() + r.options.size() + r.version.size()) +
+    size_t room = 4096 + 6 * (r.text.size() + r.host.size() + r.options.size() + r.version.size() +
+                              r.build.size()) +
                   96 * r.lost.size();
     if (r.machine != nullptr)
         room += 16 * r.machine->tested.size() + 80 * r.machine->left_out.size();
@@ -520,6 +521,7 @@ void put_verdict_record(text_buffer &out, const verdict_record &r)
     put_text_member(out, "thread", r.cpu >= 0 ? "worker" : "main");
     put_text_member(out, "options", r.options);
     put_text_member(out, "version", r.version);
+    put_text_member(out, "build", r.build);
 
     put(out, ",\"tested_cpus\":[");
     for (int cpu : r.machine != nullptr ? std::span<const int>(r.machine->tested) : std::span<const int>())

@@ -129,6 +129,7 @@ struct verdict_record {
     std::span<const left_out_processor> lost = {};  // meant to be tested, but were not
     std::string_view options = {};          // the -o text as given
     std::string_view version = {};          // the test's version text
+    std::string_view build = {};            // which build ran: 1.0+g2b46e25
     std::span<const l2_geometry> l2 = {};   // what each worker announced
     std::span<const processor_entry> processors = {};
     const machine_entry *host_identity = nullptr;  // nullptr: not described (a usage error)

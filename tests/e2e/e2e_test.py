@@ -235,7 +235,7 @@ class EndToEnd(unittest.TestCase):
             self.assertEqual(set(line), message_keys)
         v = lines[-1]
         self.assertEqual(set(v), {"time", "host", "schema_version", "verdict", "exit_status", "elapsed_seconds",
-                                  "text", "cpu", "thread", "options", "version", "tested_cpus", "left_out_cpus",
+                                  "text", "cpu", "thread", "options", "version", "build", "tested_cpus", "left_out_cpus",
                                   "failed_cpus", "l2", "failures", "machine_checks", "hardware_counts",
                                   "processors", "machine", "warnings"})
         self.assertEqual([p["cpu"] for p in v["processors"]], CPUS)
@@ -243,6 +243,8 @@ class EndToEnd(unittest.TestCase):
         self.assertEqual((v["verdict"], v["exit_status"], v["failures"]), ("pass", 0, []))
         self.assertEqual(v["options"], "count=1,test_mask=8")  # what ran, and which build
         self.assertTrue(v["version"].startswith("1.0 "))
+        self.assertRegex(v["build"], r"^1\.0(\+g[0-9a-f]{7,}|\+unknown)?$")  # which build ran
+        self.assertIn(f", build {v['build']}\n", run(["--version"])[1])
         self.assertGreaterEqual(v["elapsed_seconds"], 1.9)  # the two one-second pauses
         self.assertEqual(v["host"], socket.gethostname())
         self.assertEqual(v["tested_cpus"], CPUS)

@@ -15,7 +15,9 @@ package() {
 case $3 in
 deb)
     package
-    version=$(sed -n 's/^project(tarneltest VERSION \([0-9.]*\).*/\1/p' "$source/CMakeLists.txt")
+    # The package carries the build: the version and the source revision.
+    version=$("$build/tarneltest" --version | sed -n 's/.*, build //p')
+    echo "$version" | grep -Eq '^[0-9.]+(\+g[0-9a-f]{7,}|\+unknown)?$' || fail "build named $version"
     [ "$deb" = "$tmp/tarneltest_${version}_amd64.deb" ] || fail "package named $deb, version $version"
     for file in bin/tarneltest share/man/man1/tarneltest.1 lib/systemd/system/tarneltest.service \
                 lib/systemd/system/tarneltest.timer; do
