@@ -297,10 +297,13 @@ std::optional<dxt::l2_geometry> note_report(int number, const char *tag, va_list
         note_lost_processor(number, va_arg(args, int));
         return std::nullopt;
     }
-    if (number != MSG_FREE_TEXT || tag == nullptr || strcmp(tag, "l2cache") != 0)
+    if (number != MSG_FREE_TEXT)
         return std::nullopt;
     const char *format = va_arg(args, const char *);
-    if (format == nullptr || strcmp(format, geometry_announcement) != 0)
+    // Every buffer's lock-failure text says so; the run goes on unlocked.
+    if (format != nullptr && strstr(format, "mlock failed") != nullptr)
+        lock_failures++;
+    if (format == nullptr || tag == nullptr || strcmp(tag, "l2cache") != 0 || strcmp(format, geometry_announcement) != 0)
         return std::nullopt;
     uint32_t size = va_arg(args, uint32_t);
     uint32_t line = va_arg(args, uint32_t);
@@ -540,6 +543,7 @@ struct run_end {
     int cpu = -1;  // the worker that ended the run; -1: the main thread
     const dxt::message_fields *lead = nullptr;
     bool in_handler = false;
+    const dxt::hardware_report *reports = nullptr;  // read already; nullptr: read them now
 };
 
 // The one way a run ends but a pass: the lead line and the verdict, as the
@@ -559,9 +563,9 @@ struct run_end {
         exit_now(e.status);
     }
     std::vector<dxt::left_out_processor> left = left_out_at_end(e.failures);
-    dxt::hardware_report reports = check_reports();
-    dxt::verdict_record record = run_record(e.time, e.status, reason, e.cpu, e.failures,
-                                            machine != nullptr ? &reports : nullptr, left);
+    dxt::hardware_report read_now = e.reports == nullptr ? check_reports() : dxt::hardware_report{};
+    const dxt::hardware_report *reports = e.reports != nullptr ? e.reports : machine != nullptr ? &read_now : nullptr;
+    dxt::verdict_record record = run_record(e.time, e.status, reason, e.cpu, e.failures, reports, left);
     std::vector<char> storage(dxt::line_capacity + dxt::verdict_room(record));
     dxt::text_buffer out{storage.data(), storage.size()};
     if (e.lead != nullptr)
@@ -988,14 +992,6 @@ int dxt_message(int exit_flag, int level, const char *tag, int number, ...)
     va_start(args, number);
     std::optional<dxt::l2_geometry> geometry = note_report(number, tag, args);
     va_end(args);
-    if (number == MSG_FREE_TEXT) {
-        // Every buffer's lock-failure text says so; the run goes on unlocked.
-        va_start(args, number);
-        const char *format = va_arg(args, const char *);
-        va_end(args);
-        if (format != nullptr && strstr(format, "mlock failed") != nullptr)
-            lock_failures++;
-    }
     if (exit_flag == 0 && !dxt::level_shown(display, level, number))
         return 0;
     char text[dxt::text_capacity];
@@ -1048,7 +1044,8 @@ int test_end(void)
         checks.push_back(site);
     }
     if (!checks.empty())
-        finish({now_seconds(), dxt::exit_fault_found, "the hardware reported an uncorrected machine check", checks});
+        finish({now_seconds(), dxt::exit_fault_found, "the hardware reported an uncorrected machine check", checks, -1,
+                nullptr, false, &reports});
     dxt::put(reason, name_of_test(), " passed in ");
     dxt::put_elapsed(reason, elapsed);
     dxt::verdict_record record = run_record(now_seconds(), dxt::exit_passed, reason, -1, {}, &reports);

@@ -50,6 +50,19 @@ void put_subtest_names(text_buffer &out, const subtest_set &set, const char *sep
 
 const char *subtest_name(int index) { return subtests()[static_cast<size_t>(index)].name; }
 
+// "key":"0x1c2e", or null when not known.
+void put_hex_member(text_buffer &out, std::string_view key, unsigned long long value, bool known)
+{
+    put_key(out, key);
+    if (!known) {
+        put(out, "null");
+        return;
+    }
+    put(out, "\"");
+    put_hex(out, value);
+    put(out, "\"");
+}
+
 void put_failure_json(text_buffer &out, const failure_site &f)
 {
     put(out, "{");
@@ -66,14 +79,7 @@ void put_failure_json(text_buffer &out, const failure_site &f)
     put(out, "]");
     put(out, f.hung ? ",\"hung\":true" : ",\"hung\":false");
     put_text_member(out, "machine_check", f.machine_check != nullptr ? f.machine_check : "", f.machine_check != nullptr);
-    put_key(out, "address");
-    if (f.address_known) {
-        put(out, "\"");
-        put_hex(out, f.address);
-        put(out, "\"");
-    } else {
-        put(out, "null");
-    }
+    put_hex_member(out, "address", f.address, f.address_known);
     put(out, "}");
 }
 
@@ -346,22 +352,8 @@ void put_identity_json(text_buffer &out, std::span<const processor_entry> proces
         put_number_member(out, "family", p.known ? p.id.family : -1);
         put_number_member(out, "model_number", p.known ? p.id.model_number : -1);
         put_number_member(out, "stepping", p.known ? p.id.stepping : -1);
-        put_key(out, "microcode");
-        if (p.known && p.id.microcode >= 0) {
-            put(out, "\"");
-            put_hex(out, static_cast<unsigned long long>(p.id.microcode));
-            put(out, "\"");
-        } else {
-            put(out, "null");
-        }
-        put_key(out, "ppin");
-        if (p.known && p.id.ppin_known) {
-            put(out, "\"");
-            put_hex(out, p.id.ppin);
-            put(out, "\"");
-        } else {
-            put(out, "null");
-        }
+        put_hex_member(out, "microcode", static_cast<unsigned long long>(p.id.microcode), p.known && p.id.microcode >= 0);
+        put_hex_member(out, "ppin", p.id.ppin, p.known && p.id.ppin_known);
         put(out, ",\"l2\":{");
         put_int_member(out, "size", p.l2.size);
         put_int_member(out, "line", p.l2.line);
