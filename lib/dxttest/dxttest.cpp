@@ -418,11 +418,13 @@ void note_progress(int number)
 
 // The subtests one of which a thread was in when it failed; none for the
 // main thread, which runs no subtest.
-dxt::subtest_set subtests_of(const worker_progress *p, bool main_thread, bool status_known, intptr_t status)
+dxt::subtest_set subtests_of(const worker_progress *p, bool main_thread, bool status_known, intptr_t status,
+                             bool running = false)
 {
     if (p == nullptr)
-        return main_thread ? dxt::subtest_set{} : dxt::possible_subtests(test_mask, -1, false, status_known, status);
-    return dxt::possible_subtests(test_mask, p->last_started.load(), p->ended.load(), status_known, status);
+        return main_thread ? dxt::subtest_set{}
+                           : dxt::possible_subtests(test_mask, -1, false, status_known, status, running);
+    return dxt::possible_subtests(test_mask, p->last_started.load(), p->ended.load(), status_known, status, running);
 }
 
 // Where the calling thread failed: its binding and its subtest.
@@ -592,17 +594,7 @@ struct run_end {
         dxt::failure_site site;
         site.cpu = processor_of(threads[i]);
         site.hung = true;
-        const worker_progress *p = progress_of(threads[i].tid);
-        site.subtests = subtests_of(p, false, false, 0);
-        // Still running, it may be in the subtest it started last, though
-        // that one says no end.
-        int last = p != nullptr ? p->last_started.load() : -1;
-        if (last >= 0 && !p->ended.load() && (site.subtests.count == 0 || site.subtests.index[0] != last)) {
-            std::copy_backward(site.subtests.index, site.subtests.index + site.subtests.count,
-                               site.subtests.index + site.subtests.count + 1);
-            site.subtests.index[0] = last;
-            site.subtests.count++;
-        }
+        site.subtests = subtests_of(progress_of(threads[i].tid), false, false, 0, true);
         failures.push_back(site);
     }
     int status = fault ? dxt::exit_fault_found : dxt::exit_hung;

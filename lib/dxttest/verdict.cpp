@@ -450,7 +450,8 @@ bool was_lost(std::span<const left_out_processor> lost, int cpu)
     return false;
 }
 
-subtest_set possible_subtests(int32_t mask, int last_started, bool last_ended, bool status_known, intptr_t status)
+subtest_set possible_subtests(int32_t mask, int last_started, bool last_ended, bool status_known, intptr_t status,
+                              bool running)
 {
     std::span<const subtest> sequence = subtests();
     subtest_set after;
@@ -458,8 +459,10 @@ subtest_set possible_subtests(int32_t mask, int last_started, bool last_ended, b
         after.index[after.count++] = last_started;
         return after;
     }
-    // A march that ends before it returns its miscompare is still a candidate.
-    if (last_started >= 0 && last_ended && sequence[static_cast<size_t>(last_started)].fails_after_end)
+    // A march that ends before it returns its miscompare is still a
+    // candidate; so is the last one started, for a worker still in it.
+    bool ends_first = last_started >= 0 && sequence[static_cast<size_t>(last_started)].fails_after_end;
+    if (last_started >= 0 && (last_ended ? ends_first && !running : running))
         after.index[after.count++] = last_started;
     for (size_t i = static_cast<size_t>(last_started + 1); i < sequence.size(); i++) {
         if ((mask & sequence[i].mask_bit) == 0)

@@ -94,8 +94,10 @@ struct subtest_set {
 // after it (from the first when it started none) that announce no start,
 // since a subtest with a start message announces it before it can fail.
 // A known status keeps those that can end a worker with it, unless that
-// keeps none.
-subtest_set possible_subtests(int32_t mask, int last_started, bool last_ended, bool status_known, intptr_t status);
+// keeps none. A worker still running (hung) may also be in the subtest it
+// started last when that one says no end.
+subtest_set possible_subtests(int32_t mask, int last_started, bool last_ended, bool status_known, intptr_t status,
+                              bool running = false);
 
 // Where a run failed.
 struct failure_site {

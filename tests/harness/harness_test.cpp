@@ -118,6 +118,9 @@ TEST(Attribution, AMarchThatEndedBeforeItsMiscompare)
               (v{"March with column striding", "Random Offset"}));
     EXPECT_EQ(names(dxt::possible_subtests(1024 | 4096, column, true, true, 12)), v{"Random Offset"});
     EXPECT_EQ(names(dxt::possible_subtests(1024, line, true, true, -1)), v{});  // ends, then returns 0 or 12
+    // A hung worker may still be in a subtest that says no end.
+    EXPECT_EQ(names(dxt::possible_subtests(8 | 16, 0, false, false, 0, true)),
+              (v{"Write/Read/Verify", "Cache Hit Stress"}));
 }
 
 // The harness started as the program starts it, without an option parser.
