@@ -24,6 +24,7 @@
 #include "burnin.h"
 #include "cpuset.h"
 #include "dxtsysinfo_ext.h"
+#include "metrics.h"
 #include "reports.h"
 #include "verdict.h"
 
@@ -288,6 +289,18 @@ void say_unfinished(const burn_in_request &request, long long run, const run_out
     write_output(line);
 }
 
+// The burn-in's metrics, when asked for: 0, or the error that stopped them.
+int write_burn_in_metrics(const burn_in_request &request, const burn_in_record &record)
+{
+    if (request.metrics.empty())
+        return 0;
+    std::vector<int> tested = describe_machine().tested;
+    std::vector<char> storage(burn_in_metrics_room(record, tested));
+    text_buffer out{storage.data(), storage.size()};
+    put_burn_in_metrics(out, record, tested);
+    return write_metrics_file(metrics_file_at(request.metrics), out, request.program);
+}
+
 }  // namespace
 
 void burn_in(const burn_in_request &request)
@@ -306,6 +319,7 @@ void burn_in(const burn_in_request &request)
     progress_line progress{progress_wanted(request.display) && !single, 0, single ? 1 : request.runs,
                            request.seconds > 0 ? start + 1000 * request.seconds : 0};
     long long passed = 0, found = 0;
+    std::vector<std::pair<int, long long>> runs_by_status;
     int last = exit_passed;  // the status of the run that ended the burn-in
     std::vector<failed_run> failed;
     std::vector<unfinished_run> unfinished;
@@ -320,6 +334,11 @@ void burn_in(const burn_in_request &request)
         run_outcome outcome = watch_run(request, request.run_args, number, -1, true, &progress);
         last = outcome.status;
         held = outcome.held_verdict;
+        auto same = std::find_if(runs_by_status.begin(), runs_by_status.end(), [&](auto &r) { return r.first == last; });
+        if (same != runs_by_status.end())
+            same->second++;
+        else
+            runs_by_status.push_back({last, 1});
         passed += last == exit_passed;
         if (!outcome.how.empty()) {
             progress.clear();
@@ -362,6 +381,13 @@ void burn_in(const burn_in_request &request)
                  : last != exit_passed   ? exit_could_not_test
                                          : exit_passed;
     long long runs = progress.run, elapsed = monotonic_ms() - start;
+    burn_in_record record{time(nullptr), status, elapsed, "", runs, passed, found, failed, &reports,
+                          request.host, unfinished, retests, runs_by_status};
+    // A pass that cannot reach the monitoring is no pass.
+    int metrics_error = write_burn_in_metrics(request, record);
+    bool metrics_lost = metrics_error != 0 && status == exit_passed;
+    if (metrics_lost)
+        status = record.exit_status = exit_could_not_test;
     line_buffer text;
     if (status == exit_fault_found) {
         put(text, "a fault was found in ", found, found == 1 ? " run" : " runs");
@@ -376,6 +402,8 @@ void burn_in(const burn_in_request &request)
         put(text, "; ");
     } else if (status == exit_hung) {
         put(text, "run ", runs, " hung; ");
+    } else if (metrics_lost) {
+        put(text, "the metrics could not be written to ", request.metrics, " (", strerrordesc_np(metrics_error), "); ");
     } else if (status == exit_could_not_test) {
         if (!unfinished.empty() && unfinished.back().run == runs)
             put(text, "run ", runs, " could not test: it ", unfinished.back().how, "; ");
@@ -387,9 +415,7 @@ void burn_in(const burn_in_request &request)
     if (status != exit_passed)
         put(text, " (exit status ", status, ")");
 
-    burn_in_record record{time(nullptr), status, elapsed, std::string_view(text.data, text.length), runs, passed,
-                          found, failed, &reports,
-                          request.host, unfinished, retests};
+    record.text = std::string_view(text.data, text.length);
     std::vector<char> storage(burn_in_room(record));
     text_buffer out{storage.data(), storage.size()};
     if (request.display.json)

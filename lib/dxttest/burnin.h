@@ -32,6 +32,8 @@ struct burn_in_request {
     int retests = 0;        // after a run that found a fault, the failing subtest this often
     std::string subopts;    // the runs' -o text, for the retests
     std::string ras_database = ras::default_database;  // read before the first run and after the last
+    std::string metrics = {};  // where the burn-in's result goes for Prometheus; "": nowhere
+    const char *program = "";  // for what is said on standard error
 };
 [[noreturn]] void burn_in(const burn_in_request &request);
 

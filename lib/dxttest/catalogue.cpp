@@ -2,6 +2,7 @@
 // as a printf format taking exactly the arguments that come with its number,
 // the subtests those messages name, and the exit status a message that ends
 // the run gives the process.
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -37,8 +38,8 @@ namespace {
     X(MSG_CPC_ENABLED, "Performance counters asked for (cpc=Enabled); they stay off on this platform")                \
     X(MSG_GEOMETRY_DEFAULTS, "%s failed on cpu %d (return code %d); testing with default geometry. %s", "", 0, 0, "") \
     X(MSG_USAGE, "usage: %s [-o SUBOPTIONS] [-v | -q] [-d] [--json] [--duration TIME] [--runs N] "                    \
-                 "[--keep-going] [--timeout TIME] [--retest N] [--ras-db PATH] [--describe "        \
-                 "[--sysroot DIR]] [-h] [--version]", "")                                                               \
+                 "[--keep-going] [--timeout TIME] [--retest N] [--ras-db PATH] [--metrics FILE] "  \
+                 "[--describe [--sysroot DIR]] [-h] [--version]", "")                                                               \
     X(MSG_WRRDVR_NO_MEMORY, "Write/Read/Verify test could not allocate its buffer")                                   \
     X(MSG_NO_MEMORY, "Could not allocate a test buffer")                                                              \
     X(MSG_BIND_FAILED, "Could not bind the worker thread to cpu %d: %s", 0, "")                                       \
@@ -256,6 +257,10 @@ std::string usage_details(const char *options_text)
         "\n      --ras-db PATH"
         "\n                 rasdaemon's database of machine checks (default"
         "\n                 /var/lib/rasdaemon/ras-mc_event.db), read before and after"
+        "\n      --metrics FILE"
+        "\n                 at the end, write the result to FILE for Prometheus, as"
+        "\n                 node_exporter's textfile collector reads it (FILE.prom in its"
+        "\n                 directory); a pass whose FILE cannot be written is exit status 3"
         "\n      --describe show what a run would test, each processor's part and L2, and"
         "\n                 the processors left out, and test nothing (with --json, one"
         "\n                 object of processors and machine)"
@@ -286,7 +291,7 @@ std::string usage_details(const char *options_text)
         "\n                 accepted for compatibility; no subtest reads them"
         "\nexit status: 0 passed, 1 a fault was found, 2 usage error or rejected sub-options,"
         "\n             3 the run could not test (a processor left untested, no subtest"
-        "\n             selected, lost output), 4 a worker hung (see --timeout),"
+        "\n             selected, lost output or metrics), 4 a worker hung (see --timeout),"
         "\n             128+N interrupted by signal N; for a burn-in: 0 every run passed,"
         "\n             1 a run found a fault, 4 a run hung and none found a fault, 3 a run"
         "\n             could not test and none found a fault or hung"
@@ -361,8 +366,17 @@ const verdict_kind &kind_of(int status)
     return status > exit_signal_base ? interrupted : ended;
 }
 
+constexpr auto every_verdict_name = [] {
+    std::array<const char *, std::size(verdict_kinds) + 1> names{};
+    for (size_t i = 0; i < std::size(verdict_kinds); i++)
+        names[i] = verdict_kinds[i].name;
+    names.back() = interrupted.name;
+    return names;
+}();
+
 }  // namespace
 
+std::span<const char *const> verdict_names() { return every_verdict_name; }
 const char *verdict_word(int status) { return kind_of(status).word; }
 const char *verdict_name(int status) { return kind_of(status).name; }
 const char *verdict_reason(int status) { return kind_of(status).reason; }

@@ -1,7 +1,8 @@
 // The harness's command line:
 //   tarneltest [-o SUBOPTIONS] [-v | -q] [-d] [--json]
 //              [--duration TIME] [--runs N] [--keep-going] [--timeout TIME]
-//              [--retest N] [--ras-db PATH] [--describe] [--sysroot DIR]
+//              [--retest N] [--ras-db PATH] [--metrics FILE] [--describe]
+//              [--sysroot DIR]
 //              [-h] [--version]
 // Only the -o texts belong to the test; everything else is the harness's.
 #include <getopt.h>
@@ -23,6 +24,7 @@ enum long_only_option {
     opt_describe,
     opt_sysroot,
     opt_ras_db,
+    opt_metrics,
 };
 
 const option long_options[] = {
@@ -41,6 +43,7 @@ const option long_options[] = {
     {"describe", no_argument, nullptr, opt_describe},
     {"sysroot", required_argument, nullptr, opt_sysroot},
     {"ras-db", required_argument, nullptr, opt_ras_db},
+    {"metrics", required_argument, nullptr, opt_metrics},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -156,6 +159,14 @@ command_line parse_command_line(int argc, char **argv)
         case opt_ras_db:
             result.ras_database = optarg;
             break;
+        case opt_metrics:
+            result.metrics = optarg;
+            if (result.metrics.empty() || result.metrics.back() == '/') {
+                result.action = command_action::error;
+                result.error = std::string("--metrics needs a file name, not '") + optarg + "'";
+                return result;
+            }
+            break;
         case ':':
             result.action = command_action::error;
             result.error = std::string("option '") + argv[optind - 1] + "' needs a value";
@@ -192,6 +203,11 @@ command_line parse_command_line(int argc, char **argv)
     if (!result.sysroot.empty() && !result.describe) {
         result.action = command_action::error;
         result.error = "--sysroot reads a recorded machine for --describe: no run can test it";
+        return result;
+    }
+    if (!result.metrics.empty() && result.describe) {
+        result.action = command_action::error;
+        result.error = "--metrics records a run's result: --describe runs nothing";
         return result;
     }
     if (help)

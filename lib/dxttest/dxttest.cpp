@@ -32,6 +32,7 @@
 #include "testinfo.h"
 #include "platform_ext.h"
 #include "conditions.h"
+#include "metrics.h"
 #include "reports.h"
 #include "verdict.h"
 #include "watchdog.h"
@@ -53,6 +54,13 @@ timespec started;
 std::string subopts;  // the parser's text; it may keep pointers into it
 std::string given_options;  // the -o text as given, for the verdict
 long long timeout_ms = dxt::default_timeout_seconds * 1000;  // the watchdog's limit
+// --metrics: where the result goes for Prometheus ("": nowhere), with room
+// assembled before the run for a signal handler's ending. Written once:
+// an ending after a failed write would find the same file.
+dxt::metrics_file metrics_target;
+char *metrics_storage = nullptr;
+size_t metrics_capacity = 0;
+std::atomic<bool> metrics_written{false};
 
 // What test_init learned before the run; never freed, since workers may
 // still run while the process ends.
@@ -123,21 +131,6 @@ std::atomic<bool> progress_shown{false};  // a progress line is on the screen
 int terminal_columns = 80;
 constexpr std::string_view clear_line = "\r\033[K";
 
-// 0, or the error that stopped the write. Async-signal-safe.
-int write_all(int fd, const char *data, size_t length)
-{
-    while (length > 0) {
-        ssize_t n = write(fd, data, length);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return n < 0 ? errno : EIO;
-        data += n;
-        length -= static_cast<size_t>(n);
-    }
-    return 0;
-}
-
 const char *name_of_test() { return test_name != nullptr ? test_name : "the test"; }
 
 // A run whose output was lost (a full disk, a closed descriptor) showed
@@ -153,12 +146,12 @@ void note_lost_output(int error)
     dxt::line_buffer text;
     dxt::put(text, name_of_test(), ": cannot write standard output (", why != nullptr ? why : "unknown error");
     dxt::put(text, "): the run's output is lost, so it cannot pass (exit status 3 unless a fault is found)\n");
-    write_all(STDERR_FILENO, text.data, text.length);
+    dxt::write_all(STDERR_FILENO, text.data, text.length);
 }
 
 void write_text(int fd, const dxt::text_buffer &text)
 {
-    if (int error = write_all(fd, text.data, text.length))
+    if (int error = dxt::write_all(fd, text.data, text.length))
         note_lost_output(error);
 }
 
@@ -219,7 +212,7 @@ void put_status_reason(dxt::text_buffer &text, std::string_view reason, int stat
 void clear_progress()
 {
     if (progress_shown.exchange(false))
-        write_all(output_fd, clear_line.data(), clear_line.size());
+        dxt::write_all(output_fd, clear_line.data(), clear_line.size());
 }
 
 // output_lock is held.
@@ -236,7 +229,7 @@ void draw_progress()
     size_t width = terminal_columns > 1 ? static_cast<size_t>(terminal_columns - 1) : 1;
     if (text.length > width)
         text.length = width;
-    write_all(output_fd, clear_line.data(), clear_line.size());
+    dxt::write_all(output_fd, clear_line.data(), clear_line.size());
     write_text(output_fd, text);
     progress_shown = true;
 }
@@ -487,7 +480,7 @@ void put_verdict(dxt::text_buffer &out, const dxt::verdict_record &record)
         for (const dxt::failure_site &f : record.failures) {
             dxt::line_buffer line;
             dxt::put_failure_brief(line, f);
-            write_all(failures_fd, line.data, line.length);
+            dxt::write_all(failures_fd, line.data, line.length);
         }
 }
 
@@ -499,9 +492,28 @@ dxt::text_buffer signal_buffer(dxt::line_buffer &fallback)
     return {fallback.data, fallback.capacity, 0};
 }
 
-// Writes the text as the run's last output and ends the process. After a
-// pass verdict the process is ending anyway: the verdict stands.
-[[noreturn]] void write_last(const dxt::text_buffer &text, int status)
+// The record's metrics, once, when --metrics asks for them; 0, or the error
+// that stopped the write (said on standard error). A signal handler uses the
+// room set aside before the run.
+int write_metrics(const dxt::verdict_record &record, bool in_handler)
+{
+    if (metrics_target.path.empty() || metrics_written.exchange(true))
+        return 0;
+    std::vector<char> own;
+    if (!in_handler)
+        own.resize(dxt::run_metrics_room(record));
+    dxt::text_buffer out = in_handler ? dxt::text_buffer{metrics_storage, metrics_capacity}
+                                      : dxt::text_buffer{own.data(), own.size()};
+    if (out.data == nullptr)
+        return 0;
+    dxt::put_run_metrics(out, record);
+    return dxt::write_metrics_file(metrics_target, out, name_of_test());
+}
+
+// Writes the text as the run's last output, and the metrics, and ends the
+// process. After a pass verdict the process is ending anyway: the verdict
+// stands.
+[[noreturn]] void write_last(const dxt::text_buffer &text, int status, const dxt::verdict_record &record)
 {
     output_lock.lock();
     if (passed)
@@ -510,6 +522,7 @@ dxt::text_buffer signal_buffer(dxt::line_buffer &fallback)
         hang();
     clear_progress();
     write_text(output_fd, text);
+    write_metrics(record, false);
     end_process(status);
 }
 
@@ -559,9 +572,11 @@ struct run_end {
         dxt::text_buffer out = signal_buffer(fallback);
         if (e.lead != nullptr)
             dxt::put_message_line(out, *e.lead, display.json);
-        put_verdict(out, run_record(e.time, e.status, reason, e.cpu, e.failures, nullptr));
+        dxt::verdict_record record = run_record(e.time, e.status, reason, e.cpu, e.failures, nullptr);
+        put_verdict(out, record);
         clear_progress();
         write_text(output_fd, out);
+        write_metrics(record, true);
         exit_now(e.status);
     }
     std::vector<dxt::left_out_processor> left = left_out_at_end(e.failures);
@@ -573,7 +588,7 @@ struct run_end {
     if (e.lead != nullptr)
         dxt::put_message_line(out, *e.lead, display.json);
     put_verdict(out, record);
-    write_last(out, e.status);
+    write_last(out, e.status, record);
 }
 
 [[noreturn]] void end_run(const dxt::message_fields &m)
@@ -628,7 +643,7 @@ void show_usage(int (*usage)(void))
 [[noreturn]] void refuse(const char *program, const std::string &what, int (*usage)(void))
 {
     std::string text = std::string(program) + ": " + what + "\n";
-    write_all(STDERR_FILENO, text.data(), text.size());
+    dxt::write_all(STDERR_FILENO, text.data(), text.size());
     // The usage goes where the error went; the verdict (the record, with
     // --json) to standard output. Nothing was tested: it says only what was
     // wrong, and the -o text as given.
@@ -707,6 +722,10 @@ void prepare_run()
     largest.l2 = every;
     signal_capacity = dxt::line_capacity + dxt::verdict_room(largest);
     signal_storage = new char[signal_capacity];
+    if (!metrics_target.path.empty()) {
+        metrics_capacity = dxt::run_metrics_room(largest);
+        metrics_storage = new char[metrics_capacity];
+    }
 
     progress_on = dxt::progress_wanted(display);
     winsize size;
@@ -852,6 +871,13 @@ void trace(const char *what)
     }
     if (line.subopts_given)
         request.run_args.insert(request.run_args.end(), {"-o", line.subopts});
+    // A burn-in's metrics are its own; a single run's (retested after a
+    // fault) are that run's, which the retests do not overwrite.
+    if (!line.metrics.empty() && line.burn_in_seconds == 0 && line.burn_in_runs == 0)
+        request.run_args.insert(request.run_args.end(), {"--metrics", line.metrics});
+    else
+        request.metrics = line.metrics;
+    request.program = name_of_test();
     note_ignored_interrupts();
     dxt::burn_in(request);
 }
@@ -917,6 +943,8 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
     given_options = line.subopts;
     if (!line.ras_database.empty())
         ras_database = line.ras_database;
+    if (!line.metrics.empty())
+        metrics_target = dxt::metrics_file_at(line.metrics);
     timeout_ms = line.timeout_seconds * 1000;
     switch (line.action) {
     case dxt::command_action::error:
@@ -1044,13 +1072,25 @@ int test_end(void)
     std::vector<char> storage(dxt::verdict_room(record));
     dxt::text_buffer out{storage.data(), storage.size()};
     put_verdict(out, record);
+    int metrics_error = 0;
     {
         std::lock_guard<std::mutex> hold(output_lock);
         if (ending.load())
             return 0;
-        clear_progress();
-        write_text(output_fd, out);
-        passed = true;
+        // A pass that cannot reach the monitoring is no pass.
+        metrics_error = write_metrics(record, false);
+        if (metrics_error == 0) {
+            clear_progress();
+            write_text(output_fd, out);
+            passed = true;
+        }
+    }
+    if (metrics_error != 0) {
+        dxt::line_buffer lost_metrics;
+        dxt::put(lost_metrics, "every processor passed, but the metrics could not be written to ", metrics_target.path,
+                 " (", strerrordesc_np(metrics_error) != nullptr ? strerrordesc_np(metrics_error) : "unknown error",
+                 ")");
+        finish({now_seconds(), dxt::exit_could_not_test, view(lost_metrics), {}, -1, nullptr, false, &reports});
     }
     dxt::stop_watchdog();
     stop_waiter();

@@ -2,7 +2,7 @@
 // tests: the message catalogue and the subtests its messages name, the
 // assembly of one output line (text or JSON), which levels a run shows, the
 // exit status of an ending message, and the command line. Nothing here
-// writes, exits or keeps state of its own.
+// exits or keeps state of its own, and only write_all writes.
 #ifndef TARNEL_DXTTEST_INTERNAL_H
 #define TARNEL_DXTTEST_INTERNAL_H
 
@@ -60,6 +60,9 @@ struct line_buffer : text_buffer {
 // Async-signal-safe: no allocation, no locale, no stdio.
 // CLOCK_MONOTONIC milliseconds, for the harness's limits and timings.
 long long monotonic_ms();
+// The one call here that writes: all of it to fd, through interrupted
+// calls; 0, or the error that stopped it.
+int write_all(int fd, const char *data, size_t length);
 
 void put(text_buffer &line, std::string_view s);
 void put_int(text_buffer &line, long long value);
@@ -163,6 +166,8 @@ int exit_status_of(int number, int exit_flag);
 const char *verdict_word(int status);
 const char *verdict_name(int status);
 const char *verdict_reason(int status);
+// Every verdict's record name, the one for a signal included.
+std::span<const char *const> verdict_names();
 
 // A run's time limit unless --timeout says otherwise: far beyond the
 // longest healthy run (count=1024 over a 2 MiB L2 takes about 20 s).
@@ -184,6 +189,7 @@ struct command_line {
     bool describe = false;  // say what a run would test, and test nothing
     std::string sysroot;    // a recorded machine to read instead of this one
     std::string ras_database;  // rasdaemon's database, if not where its service keeps it
+    std::string metrics;       // where the result goes for Prometheus; "": nowhere
 };
 // Parses with getopt_long (resetting its state first); argv is not changed.
 command_line parse_command_line(int argc, char **argv);

@@ -1,7 +1,11 @@
 // Assembly of one output line: the time, the severity, the processor, the
 // tag, the number and the text, as plain text or as one JSON object. Every
 // function here is async-signal-safe (no allocation, no locale, no stdio), so
-// the signal handlers build their lines with the same code as dxt_message.
+// the signal handlers build and write their lines with the same code as
+// dxt_message.
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdint>
 #include <iterator>
 
@@ -97,6 +101,20 @@ void put(text_buffer &line, std::string_view s)
 {
     for (char c : s)
         put_char(line, c);
+}
+
+int write_all(int fd, const char *data, size_t length)
+{
+    while (length > 0) {
+        ssize_t n = write(fd, data, length);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return n < 0 ? errno : EIO;
+        data += n;
+        length -= static_cast<size_t>(n);
+    }
+    return 0;
 }
 
 void put_int(text_buffer &line, long long value)

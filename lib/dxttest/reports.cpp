@@ -112,9 +112,7 @@ void put_report_json(text_buffer &out, const hardware_report &r)
         put_comma(out);
         put(out, "{");
         put_int_member(out, "cpu", p.cpu);
-        for (auto [key, n] : {std::pair{"mce", p.mce}, {"thr", p.thr}, {"dfr", p.dfr}, {"trm", p.trm},
-                              {"core_throttle", p.core_throttle}, {"package_throttle", p.package_throttle}})
-            put_int_member(out, key, n, n >= 0);
+        each_count(p, [&](const char *key, int64_t n) { put_int_member(out, key, n, n >= 0); });
         put(out, "}");
     }
     put(out, "]}");

@@ -8,6 +8,7 @@
 
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "dxttest_internal.h"
@@ -23,6 +24,16 @@ struct hardware_report {
     std::vector<std::string> unread;           // why each source could not be read
     std::vector<std::string> conditions;       // the run's conditions (conditions.h), said with the warnings
 };
+
+// Each count of a processor with its key in the record, -1 where it is not
+// counted.
+template <typename Visit>
+void each_count(const ras::processor_counts &p, Visit visit)
+{
+    for (auto [key, n] : {std::pair{"mce", p.mce}, {"thr", p.thr}, {"dfr", p.dfr}, {"trm", p.trm},
+                          {"core_throttle", p.core_throttle}, {"package_throttle", p.package_throttle}})
+        visit(key, n);
+}
 
 hardware_report compare_reports(const ras::snapshot &before, const ras::snapshot &after,
                                 const std::string &database);

@@ -11,6 +11,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "dxttest_internal.h"
@@ -199,6 +200,7 @@ struct burn_in_record {
     std::string_view host;
     std::span<const unfinished_run> unfinished = {};
     std::span<const retest_result> retests = {};
+    std::span<const std::pair<int, long long>> runs_by_status = {};  // how many runs ended with each exit status
 };
 size_t burn_in_room(const burn_in_record &record);
 void put_burn_in_record(text_buffer &out, const burn_in_record &record);

@@ -1,13 +1,20 @@
 #!/bin/sh
-# check_package.sh BUILD_DIR SOURCE_DIR deb|units|ansible: the Debian package
-# (built here into a temporary directory), the systemd units and the Ansible
-# playbook. Nothing is installed on this machine. Exit 77: skipped.
+# check_package.sh BUILD_DIR SOURCE_DIR deb|lintian|units|service|ansible: the
+# Debian package (built here into a temporary directory, and checked by
+# Debian's own checker), the systemd units (checked, and the service started
+# by a real systemd in a throwaway container on this machine's own /usr) and
+# the Ansible playbook. Nothing is installed on this machine. Exit 77: skipped.
 set -eu
 build=$1 source=$2
 tmp=$(mktemp -d)
-trap 'rm -rf "$tmp"' EXIT
+[ -n "${KEEP:-}" ] || trap 'rm -rf "$tmp"' EXIT
 fail() { echo "$1"; exit 1; }
 need() { command -v "$1" >/dev/null || { echo "skipped: $1 not found ($2)"; exit 77; }; }
+# The shipped unit, with the test at `binary` (systemd finds the bare
+# command in its own search path).
+unit_with() {
+    sed "s|exec tarneltest |exec $1 |" "$source/deploy/systemd/tarneltest.service"
+}
 package() {
     cpack -G DEB -B "$tmp" --config "$build/CPackConfig.cmake" >/dev/null
     deb=$(ls "$tmp"/tarneltest_*_amd64.deb)
@@ -19,7 +26,8 @@ deb)
     version=$("$build/tarneltest" --version | sed -n 's/.*, build //p')
     echo "$version" | grep -Eq '^[0-9.]+(\+g[0-9a-f]{7,}|\+unknown)?$' || fail "build named $version"
     [ "$deb" = "$tmp/tarneltest_${version}_amd64.deb" ] || fail "package named $deb, version $version"
-    for file in bin/tarneltest share/man/man1/tarneltest.1 lib/systemd/system/tarneltest.service \
+    for file in bin/tarneltest share/man/man1/tarneltest.1.gz share/doc/tarneltest/copyright \
+                share/doc/tarneltest/changelog.gz lib/systemd/system/tarneltest.service \
                 lib/systemd/system/tarneltest.timer; do
         dpkg-deb -c "$deb" | grep -q " \./usr/$file\$" || fail "not in the package: /usr/$file"
     done
@@ -29,13 +37,66 @@ Architecture: amd64" ] || fail "control: $(dpkg-deb -f "$deb")"
     dpkg-deb -f "$deb" Depends | grep -q 'libc6 (>= ' || fail "no Depends from dpkg-shlibdeps"
     dpkg-deb -f "$deb" Description | grep -q 'L2 cache' || fail "no description"
     ;;
+lintian)
+    need lintian ".ci/run installs Debian's lintian"
+    package
+    out=$(lintian --fail-on error,warning "$deb" 2>/dev/null) || fail "$out"
+    [ -z "$out" ] || fail "$out"
+    ;;
 units)
     need systemd-analyze "Debian's systemd package"
-    cp "$source"/deploy/systemd/tarneltest.service "$source"/deploy/systemd/tarneltest.timer "$tmp"
-    # systemd finds the bare command in its own search path; here, the built one.
-    sed -i "s|^ExecStart=tarneltest |ExecStart=$build/tarneltest |" "$tmp/tarneltest.service"
+    cp "$source"/deploy/systemd/tarneltest.timer "$tmp"
+    unit_with "$build/tarneltest" > "$tmp/tarneltest.service"
     out=$(systemd-analyze verify --man=no "$tmp/tarneltest.service" "$tmp/tarneltest.timer" 2>&1) || fail "$out"
     [ -z "$out" ] || fail "$out"
+    ;;
+service)
+    need systemd-nspawn ".ci/run installs Debian's systemd-container"
+    [ "$(id -u)" = 0 ] || { echo "skipped: systemd-nspawn boots a container only as root"; exit 77; }
+    faulty=$build/tests/faulty/tarneltest_faulty
+    [ -x "$faulty" ] || { echo "skipped: no fault-model build"; exit 77; }
+    unit_with /opt/tarneltest/tarneltest > "$tmp/tarneltest.service"
+    # The faulty run: a stuck bit in the first test's buffer on the last processor.
+    cpu=$(($(nproc) - 1))
+    printf '[Service]\nEnvironment=TARNEL_FAULT=stuck1,%s,0,64,3\n' "$cpu" > "$tmp/fault.conf"
+    boot() {  # binary, what to keep, whether node_exporter's directory exists, more
+        binary=$1 keep=$tmp/$2 exporter=$3
+        shift 3
+        mkdir "$keep"
+        printf '%s\n' '[Service]' 'Type=oneshot' \
+            "ExecStart=-/bin/sh -c 'if $exporter; then mkdir -p /var/lib/prometheus/node-exporter; fi'" \
+            "ExecStart=-/bin/sh -c 'mkdir -p /var/lib/rasdaemon; mount -t debugfs none /sys/kernel/debug; mount -t tracefs none /sys/kernel/debug/tracing; timeout 3 rasdaemon -f -r'" \
+            'ExecStart=-/bin/systemctl start tarneltest.service' \
+            "ExecStart=/bin/sh -c 'systemctl show -p Result -p ExecMainStatus tarneltest.service > /out/unit; journalctl -u tarneltest -t tarneltest -o cat > /out/journal; cp /var/lib/prometheus/node-exporter/* /out/ || true'" \
+            'ExecStartPost=/bin/systemctl poweroff' > "$tmp/check.service"
+        timeout 300 systemd-nspawn -q -D / --volatile=yes --register=no --keep-unit \
+            --bind-ro="$binary:/opt/tarneltest/tarneltest" \
+            --bind-ro="$tmp/tarneltest.service:/etc/systemd/system/tarneltest.service" \
+            --bind-ro="$tmp/check.service:/etc/systemd/system/check.service" \
+            --bind="$keep:/out" "$@" -b -- systemd.unit=check.service systemd.firstboot=off > "$keep/boot" 2>&1 ||
+            fail "the container did not boot: $(tail -n 5 "$keep/boot")"
+    }
+    boot "$build/tarneltest" pass true
+    boot "$faulty" fault false --bind-ro="$tmp/fault.conf:/etc/systemd/system/tarneltest.service.d/fault.conf"
+    python3 - "$tmp" "$cpu" <<'CHECK'
+import json, os, sys
+tmp, cpu = sys.argv[1], int(sys.argv[2])
+for run, result, status, verdict, metrics in [("pass", "success", 0, "pass", True),
+                                             ("fault", "exit-code", 1, "fault", False)]:
+    out = os.path.join(tmp, run)
+    unit = dict(line.split("=", 1) for line in open(os.path.join(out, "unit")).read().split())
+    assert unit == {"Result": result, "ExecMainStatus": str(status)}, (run, unit)
+    # The README's recipe: the journal's last line is the record.
+    record = json.loads(open(os.path.join(out, "journal")).read().splitlines()[-1])
+    assert (record["verdict"], record["exit_status"]) == (verdict, status), (run, record["text"])
+    # Read as the dynamic user: rasdaemon's database as rasdaemon made it.
+    assert record["hardware_counts"]["not_read"] == [], (run, record["hardware_counts"])
+    if run == "fault":
+        assert record["failed_cpus"] == [cpu] and record["retests"][0]["failed"] == 2, record
+    prom = os.path.join(out, "tarneltest.prom")
+    assert os.path.exists(prom) == metrics, (run, os.listdir(out))
+    assert not metrics or "tarneltest_last_run_exit_status 0\n" in open(prom).read()
+CHECK
     ;;
 ansible)
     need ansible-playbook ".ci/run installs Debian's ansible-core"

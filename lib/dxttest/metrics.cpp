@@ -1,0 +1,209 @@
+// The Prometheus text format (metrics.h). Every family is one gauge: each
+// file describes the last run alone, and node_exporter serves it as it is.
+#include "metrics.h"
+
+#include "testinfo.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace dxt {
+
+namespace {
+
+void put_family(text_buffer &out, std::string_view name, std::string_view help)
+{
+    put(out, "# HELP ", name, " ", help, "\n# TYPE ", name, " gauge\n");
+}
+
+// A label's value, escaped as the format asks.
+void put_label_value(text_buffer &out, std::string_view value)
+{
+    for (char c : value)
+        put(out, c == '\\' ? "\\\\" : c == '"' ? "\\\"" : c == '\n' ? "\\n" : std::string_view(&c, 1));
+}
+
+void put_sample(text_buffer &out, std::string_view name, std::string_view labels, long long value)
+{
+    put(out, name, labels.empty() ? "" : "{", labels, labels.empty() ? "" : "}", " ", value, "\n");
+}
+
+void put_cpu_sample(text_buffer &out, std::string_view name, int cpu, long long value)
+{
+    put(out, name, "{cpu=\"", cpu, "\"} ", value, "\n");
+}
+
+// What every form says first: the build, when the run ended, how long it
+// took, and how.
+void put_head(text_buffer &out, std::string_view version, std::string_view build, long long time,
+              long long elapsed_ms, int exit_status)
+{
+    put_family(out, "tarneltest_build_info", "The version and source revision of the build that ran, as labels.");
+    put(out, "tarneltest_build_info{version=\"");
+    put_label_value(out, version);
+    put(out, "\",build=\"");
+    put_label_value(out, build);
+    put(out, "\"} 1\n");
+    put_family(out, "tarneltest_last_run_timestamp_seconds", "When the last run or burn-in ended, since the epoch.");
+    put_sample(out, "tarneltest_last_run_timestamp_seconds", "", time);
+    put_family(out, "tarneltest_last_run_duration_seconds", "How long the last run or burn-in took.");
+    put(out, "tarneltest_last_run_duration_seconds ");
+    put_seconds(out, elapsed_ms);
+    put(out, "\n");
+    put_family(out, "tarneltest_last_run_exit_status",
+               "The last run's exit status: 0 pass, 1 fault, 2 usage, 3 could not test, 4 hung, 128+N signal N.");
+    put_sample(out, "tarneltest_last_run_exit_status", "", exit_status);
+    put_family(out, "tarneltest_last_run_verdict", "1 for the last run's verdict, 0 for every other.");
+    for (const char *name : verdict_names())
+        put(out, "tarneltest_last_run_verdict{verdict=\"", name, "\"} ",
+            std::string_view(name) == verdict_name(exit_status) ? "1\n" : "0\n");
+}
+
+// Each processor, whether it was tested and whether it failed.
+template <typename Each>
+void put_processors(text_buffer &out, Each each_processor)
+{
+    put_family(out, "tarneltest_cpu_tested", "1 when the last run tested the processor, 0 when it was left out.");
+    each_processor([&](int cpu, bool tested, bool) { put_cpu_sample(out, "tarneltest_cpu_tested", cpu, tested); });
+    put_family(out, "tarneltest_cpu_failed", "1 when the last run found a fault on the processor.");
+    each_processor([&](int cpu, bool, bool failed) { put_cpu_sample(out, "tarneltest_cpu_failed", cpu, failed); });
+}
+
+// What the machine's own reporting counted while the run went on; nothing
+// when it was not read (a usage error, a signal's ending).
+void put_reports(text_buffer &out, const hardware_report *r)
+{
+    if (r == nullptr)
+        return;
+    put_family(out, "tarneltest_last_run_hardware_reports_checked",
+               "1 when the machine's error and thermal counts were read before and after the last run.");
+    put_sample(out, "tarneltest_last_run_hardware_reports_checked", "", r->checked);
+    put_family(out, "tarneltest_last_run_hardware_reports",
+               "How much each error and thermal count grew during the last run, by processor and kind (the "
+               "record's hardware_counts).");
+    for (const ras::processor_counts &p : r->grew)
+        each_count(p, [&](const char *kind, int64_t n) {
+            if (n >= 0)
+                put(out, "tarneltest_last_run_hardware_reports{cpu=\"", p.cpu, "\",kind=\"", kind, "\"} ", n, "\n");
+        });
+    put_family(out, "tarneltest_last_run_machine_checks",
+               "The machine checks rasdaemon recorded during the last run, by processor and severity.");
+    for (size_t i = 0; i < r->machine_checks.size(); i++) {
+        const ras::machine_check &m = r->machine_checks[i];
+        bool first = true;  // of its processor and severity
+        long long count = 0;
+        for (size_t j = 0; j < r->machine_checks.size(); j++) {
+            const ras::machine_check &o = r->machine_checks[j];
+            if (o.cpu == m.cpu && o.corrected == m.corrected) {
+                first = first && j >= i;
+                count++;
+            }
+        }
+        if (first)
+            put(out, "tarneltest_last_run_machine_checks{cpu=\"", m.cpu, "\",severity=\"",
+                m.corrected ? "corrected" : "uncorrected", "\"} ", count, "\n");
+    }
+    put_family(out, "tarneltest_last_run_edac_errors",
+               "The memory errors the EDAC memory controllers counted during the last run, by severity.");
+    for (auto [severity, n] : {std::pair{"corrected", r->edac_corrected}, {"uncorrected", r->edac_uncorrected}})
+        if (n >= 0)
+            put(out, "tarneltest_last_run_edac_errors{severity=\"", severity, "\"} ", n, "\n");
+}
+
+bool names_cpu(std::span<const failure_site> failures, int cpu)
+{
+    for (const failure_site &f : failures)
+        if (f.cpu == cpu)
+            return true;
+    return false;
+}
+
+}  // namespace
+
+size_t run_metrics_room(const verdict_record &r)
+{
+    size_t processors = r.machine != nullptr ? r.machine->tested.size() + r.machine->left_out.size() : 0;
+    size_t room = 4096 + 2 * (r.version.size() + r.build.size()) + 96 * processors;
+    if (r.reports != nullptr)
+        room += 600 * r.reports->grew.size() + 96 * r.reports->machine_checks.size();
+    return room;
+}
+
+void put_run_metrics(text_buffer &out, const verdict_record &r)
+{
+    put_head(out, r.version, r.build, r.time, r.elapsed_ms, r.exit_status);
+    if (r.machine != nullptr)
+        put_processors(out, [&](auto visit) {
+            for (int cpu : r.machine->tested)
+                visit(cpu, !was_lost(r.lost, cpu), names_cpu(r.failures, cpu));
+            for (const left_out_processor &p : r.machine->left_out)
+                visit(p.cpu, false, false);
+        });
+    put_reports(out, r.reports);
+}
+
+size_t burn_in_metrics_room(const burn_in_record &r, std::span<const int> tested)
+{
+    size_t room = 4096 + 96 * tested.size() + 128 * verdict_names().size();
+    if (r.reports != nullptr)
+        room += 600 * r.reports->grew.size() + 96 * r.reports->machine_checks.size();
+    return room;
+}
+
+void put_burn_in_metrics(text_buffer &out, const burn_in_record &r, std::span<const int> tested)
+{
+    put_head(out, dxt_test_version, TARNEL_BUILD, r.time, r.elapsed_ms, r.exit_status);
+    put_family(out, "tarneltest_last_run_runs", "The last burn-in's runs, by verdict.");
+    for (const char *name : verdict_names()) {
+        long long runs = 0;
+        for (auto [status, count] : r.runs_by_status)
+            if (std::string_view(verdict_name(status)) == name)
+                runs += count;
+        put(out, "tarneltest_last_run_runs{verdict=\"", name, "\"} ", runs, "\n");
+    }
+    put_processors(out, [&](auto visit) {
+        for (int cpu : tested) {
+            bool failed = false;
+            for (const failed_run &f : r.failed_runs)
+                failed = failed || f.cpu == cpu;
+            visit(cpu, true, failed);
+        }
+    });
+    put_reports(out, r.reports);
+}
+
+metrics_file metrics_file_at(const std::string &path)
+{
+    return {path, path + "." + std::to_string(getpid()) + ".tmp"};
+}
+
+int write_metrics_file(const metrics_file &file, const text_buffer &text, const char *program)
+{
+    int error = 0;
+    int fd = open(file.temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        error = errno;
+    } else {
+        error = write_all(fd, text.data, text.length);
+        // A full disk may only show at close.
+        if (close(fd) != 0 && error == 0)
+            error = errno;
+        if (error == 0 && rename(file.temporary.c_str(), file.path.c_str()) != 0)
+            error = errno;
+        if (error != 0)
+            unlink(file.temporary.c_str());
+    }
+    if (error != 0) {
+        const char *why = strerrordesc_np(error);
+        line_buffer line;
+        put(line, program, ": cannot write the metrics to ", file.path, " (", why != nullptr ? why : "unknown error",
+            "): the run's result cannot reach the monitoring, so it cannot pass\n");
+        write_all(STDERR_FILENO, line.data, line.length);
+    }
+    return error;
+}
+
+}  // namespace dxt
