@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -60,17 +62,6 @@ std::string message_log()
     return log;
 }
 
-std::string times(int n, const std::string &entry)
-{
-    std::string log;
-    for (int i = 0; i < n; i++)
-        log += entry;
-    return log;
-}
-
-// n rejections of the keyword: message 8000 with it.
-std::string rejected(const std::string &keyword, int n = 1) { return times(n, "6 #8000 " + keyword + "|"); }
-
 // The option variables that differ from their defaults.
 std::string changed()
 {
@@ -84,7 +75,7 @@ std::string changed()
           {"l1cache_write_policy", now.l1cache_write_policy, d.l1cache_write_policy},
           {"test_mask", now.test_mask, d.test_mask}})
         if (value != initial)
-            text += std::string(name) + "=" + std::to_string(value) + " ";
+            text += (text.empty() ? "" : " ") + std::string(name) + "=" + std::to_string(value);
     return text;
 }
 
@@ -134,51 +125,27 @@ TEST_F(driver, get_cache_info_chooses_a_non_empty_descriptor)
     }
 }
 
+// The reviewed table suboptions.txt.
 TEST_F(driver, every_keyword_of_the_table)
 {
-    const struct {
-        std::string text;
-        int result;
-        std::string log, changed;
-    } rows[] = {
-        {"", 1, "", ""},
-        {"dev=tarnel", 1, "", ""},
-        {"dev=other,dev,dev=", 0, rejected("dev", 3), ""},
-        {"count=1024", 1, "", "count=1024 "},
-        {"count=1", 1, "", "count=1 "},
-        {"count=5,count=0", 1, "7 #23 8|", ""},
-        {"count=5,count=1025", 1, "7 #23 8|", ""},
-        {"count=-5,count=5x,count=,count,count=+5,count= 5", 0, rejected("count", 6), ""},
-        {"tag=7", 1, "", "tag=7 "},
-        {"tag=3,tag=0", 1, "7 #23 1|", ""},
-        {"tag=x,tag", 0, rejected("tag", 2), ""},
-        {"march_window", 0, "7 Cont with default march window\n|", ""},
-        {"march_window=12", 1, "", "march_window=12 "},
-        {"march_window=1a", 0, rejected("march_window"), ""},
-        {"march_al=,march_al", 1, times(2, "7 Cont with default march_algorithms\n|"), ""},
-        {"march_al=77,march_al=0x4", 0, rejected("march_al"), "march_al=77 "},
-        {"march_pats=,march_pats", 1, times(2, "7 Cont with default march data patterns\n|"), ""},
-        {"march_pats=77,march_pats=0x4", 0, rejected("march_pats"), "march_pats=77 "},
-        {"l1cache_write_policy=,l1cache_write_policy", 1, times(2, "7 Cont with default l1cache_write_policy\n|"), ""},
-        {"l1cache_write_policy=77,l1cache_write_policy=0x4", 0, rejected("l1cache_write_policy"),
-         "l1cache_write_policy=77 "},
-        {"test_mask=,test_mask", 1, times(2, "7 Cont with default value for test_mask\n|"), ""},
-        {"test_mask=1024,test_mask=0x400", 0, rejected("test_mask"), "test_mask=1024 "},
-        {"cpc=Enabled", 1, "7 #24|", ""},
-        {"cpc=Disabled", 1, "", ""},
-        {"cpc=enabled,cpc", 0, rejected("cpc", 2), ""},
-        // Inactive keywords of the table and unknown ones: rejected silently.
-        {"em,em=1,threshold=5,march_addr_stride=64,foo=1,foo", 0, "", ""},
-        // After a rejection later items are still checked but not stored.
-        {"bogus,count=4,test_mask=8,march_al=3", 0, "", ""},
-        {"count=4,count=x,tag=3,count=0,cpc=Enabled", 0, rejected("count") + "7 #23 8|7 #24|", "count=4 "},
-    };
-    for (const auto &row : rows) {
+    std::ifstream table(TARNEL_TEST_DATA "/suboptions.txt");
+    int cases = 0;
+    for (std::string line; std::getline(table, line);) {
+        if (line.starts_with("#"))
+            continue;
+        std::vector<std::string> column(4);
+        std::istringstream fields(line);
+        for (std::string &field : column)
+            std::getline(fields, field, '\t');
+        for (size_t at; (at = column[2].find("\\n")) != std::string::npos;)
+            column[2].replace(at, 2, "\n");
         SetUp();
-        EXPECT_EQ(parse(row.text), row.result) << row.text;
-        EXPECT_EQ(message_log(), row.log) << row.text;
-        EXPECT_EQ(changed(), row.changed) << row.text;
+        EXPECT_EQ(parse(column[0]), std::stoi(column[1])) << line;
+        EXPECT_EQ(message_log(), column[2]) << line;
+        EXPECT_EQ(changed(), column[3]) << line;
+        cases++;
     }
+    EXPECT_EQ(cases, 28);
 }
 
 class sequence : public driver {
