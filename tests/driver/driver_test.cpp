@@ -10,8 +10,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -19,6 +17,7 @@
 #include "driver/tarnel.h"
 #include "fakes.h"
 #include "option_defaults.h"
+#include "table.h"
 #include "harness/testinfo.h"
 #include "stress/l2cache.h"
 
@@ -128,24 +127,14 @@ TEST_F(driver, get_cache_info_chooses_a_non_empty_descriptor)
 // The reviewed table suboptions.txt.
 TEST_F(driver, every_keyword_of_the_table)
 {
-    std::ifstream table(TARNEL_TEST_DATA "/suboptions.txt");
-    int cases = 0;
-    for (std::string line; std::getline(table, line);) {
-        if (line.starts_with("#"))
-            continue;
-        std::vector<std::string> column(4);
-        std::istringstream fields(line);
-        for (std::string &field : column)
-            std::getline(fields, field, '\t');
-        for (size_t at; (at = column[2].find("\\n")) != std::string::npos;)
-            column[2].replace(at, 2, "\n");
+    const auto rows = table_rows(TARNEL_TEST_DATA "/suboptions.txt", 4);
+    EXPECT_EQ(rows.size(), 28u);
+    for (const auto &row : rows) {
         SetUp();
-        EXPECT_EQ(parse(column[0]), std::stoi(column[1])) << line;
-        EXPECT_EQ(message_log(), column[2]) << line;
-        EXPECT_EQ(changed(), column[3]) << line;
-        cases++;
+        EXPECT_EQ(parse(row[0]), std::stoi(row[1])) << row[0];
+        EXPECT_EQ(message_log(), row[2]) << row[0];
+        EXPECT_EQ(changed(), row[3]) << row[0];
     }
-    EXPECT_EQ(cases, 28);
 }
 
 class sequence : public driver {
