@@ -26,7 +26,7 @@
 #include "fakes.h"
 #include "fault_model.h"
 #include "harness/testinfo.h"
-#include "march/genmarch.h"
+#include "kernel_calls.h"
 #include "stress/l2cache.h"
 
 extern "C" void __libc_free(void *);
@@ -45,36 +45,25 @@ constexpr uint8_t FILL_BYTE = 0x5A;  // every buffer starts so: a lost write kee
 enum model { STUCK_AT_0, STUCK_AT_1, LOST_WRITE, ALIAS, COUPLING, MODELS };
 const char *const model_names[MODELS] = {"Stuck at 0", "Stuck at 1", "Lost write", "Alias", "Coupling"};
 
-alignas(4096) char given_buffer[CACHE_SIZE];  // the Random Offset test is handed its buffer
-
 struct subtest {
     const char *name;
     const char *function;
-    bool verifies;  // compares what it reads back (else traffic only)
-    bool given;     // works on given_buffer instead of allocating
-    std::function<int()> run;
+    std::vector<uint32_t> numbers;  // its arguments (kernel_calls.h)
+    bool verifies;                  // compares what it reads back (else traffic only)
 };
 
 const subtest subtests[] = {
-    {"Write/Read/Verify", "cache_wrrdvr_stress", true, false,
-     [] { return cache_wrrdvr_stress(nullptr, CACHE_SIZE, WAYS, ITERATIONS); }},
-    {"Cache Hit", "cache_hit_stress", true, false,
-     [] { return cache_hit_stress(nullptr, CACHE_SIZE, LINE_SIZE, ITERATIONS); }},
-    {"Cache Miss", "cache_miss_stress", false, false,
-     [] { return cache_miss_stress(nullptr, CACHE_SIZE, LINE_SIZE, WAYS, ITERATIONS); }},
-    {"Random Swap", "crand", false, false, [] { return crand(nullptr, CACHE_SIZE); }},
-    {"Interconnect", "cache_interconnect_stress", false, false,
-     [] { return cache_interconnect_stress(nullptr, CACHE_SIZE, ITERATIONS); }},
-    {"30N march, variable data", "cache_march_stress4", false, false,
-     [] { return cache_march_stress4(nullptr, CACHE_SIZE); }},
-    {"30N march, line striding", "cache_march_stress3", false, false,
-     [] { return cache_march_stress3(nullptr, CACHE_SIZE, ITERATIONS); }},
-    {"Row-striding march", "cache_march_stress1", true, false,
-     [] { return cache_march_stress1(nullptr, CACHE_SIZE, LINE_SIZE, ITERATIONS); }},
-    {"Column-striding march", "cache_march_stress2", true, false,
-     [] { return cache_march_stress2(nullptr, CACHE_SIZE, ITERATIONS); }},
-    {"Random Offset", "cache_rand_off_stress", true, true,
-     [] { return cache_rand_off_stress(given_buffer, CACHE_SIZE, ITERATIONS); }},
+    {"Write/Read/Verify", "cache_wrrdvr_stress", {CACHE_SIZE, WAYS, ITERATIONS}, true},
+    {"Cache Hit", "cache_hit_stress", {CACHE_SIZE, LINE_SIZE, ITERATIONS}, true},
+    {"Cache Miss", "cache_miss_stress", {CACHE_SIZE, LINE_SIZE, WAYS, ITERATIONS}, false},
+    {"Random Swap", "crand", {CACHE_SIZE}, false},
+    {"Interconnect", "cache_interconnect_stress", {CACHE_SIZE, ITERATIONS}, false},
+    {"30N march, variable data", "cache_march_stress4", {CACHE_SIZE}, false},
+    {"30N march, line striding", "cache_march_stress3", {CACHE_SIZE, ITERATIONS}, false},
+    {"Row-striding march", "cache_march_stress1", {CACHE_SIZE, LINE_SIZE, ITERATIONS}, true},
+    {"Column-striding march", "cache_march_stress2", {CACHE_SIZE, ITERATIONS}, true},
+    // Handed its buffer: the one kernel_call allocates for it.
+    {"Random Offset", "cache_rand_off_stress", {CACHE_SIZE, ITERATIONS}, true},
 };
 
 char *planted_block;  // a fault ends with the buffer it is planted in
@@ -97,9 +86,9 @@ namespace {
 enum verdict { PASSED, FOUND, OTHER };
 
 // A run from `seed`, with `plant` (if any) applied to the subtest's nth
-// buffer (or to the buffer it is handed). FOUND when it reports the
-// miscompare (its status, or the message that ends the test); OTHER for any
-// other failure, or when the buffer never came.
+// buffer. FOUND when it reports the miscompare (its status, or the message
+// that ends the test); OTHER for any other failure, or when the buffer never
+// came.
 verdict run(const subtest &test, long seed, int nth = 0, const std::function<void(char *)> &plant = nullptr)
 {
     fake::reset();
@@ -112,9 +101,7 @@ verdict run(const subtest &test, long seed, int nth = 0, const std::function<voi
         if (plant != nullptr)
             plant(block), planted = true;
     };
-    if (test.given)
-        prepare(given_buffer, CACHE_SIZE);
-    else if (plant != nullptr)
+    if (plant != nullptr)
         fault::in_allocation(nth, [&](char *block, size_t length) {
             prepare(block, length);
             planted_block = block;
@@ -124,7 +111,7 @@ verdict run(const subtest &test, long seed, int nth = 0, const std::function<voi
     int status = -1;
     bool miscompare = false;
     try {
-        status = test.run();
+        status = kernel_call(test.function, test.numbers)();
         miscompare = status == L2_MISCOMPARE;
     } catch (const fake::exit_request &request) {
         miscompare = request.number == MSG_MISCOMPARE && request.exit_flag == DXT_STEP_FAIL;
@@ -154,8 +141,6 @@ row measure(const subtest &test)
     row r;
     r.other_failures = run(test, seeds[0]) != PASSED;
     std::vector<size_t> words;  // of each buffer, from the fault-free run
-    if (test.given)
-        words.push_back(CACHE_SIZE / 4);
     for (const fake::range &block : fake::memalign_results())
         words.push_back(block.length / 4);
     size_t all_words = 0;

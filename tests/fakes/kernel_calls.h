@@ -8,6 +8,8 @@
 
 #include <malloc.h>
 
+#include <cstdlib>
+
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -18,8 +20,9 @@
 #include "march/genmarch.h"
 #include "stress/l2cache.h"
 
-// The call a text names; an empty function for a name not known.
-inline std::function<int()> kernel_call(const std::string &text)
+// The call of a name with its numbers, or one a text names; an empty
+// function for a name not known.
+inline std::function<int()> kernel_call(const std::string &name, const std::vector<uint32_t> &given)
 {
     using numbers = std::vector<uint32_t>;
     static const std::map<std::string, std::function<int(const numbers &)>> calls = {
@@ -39,18 +42,28 @@ inline std::function<int()> kernel_call(const std::string &text)
         {"cache_march_stress4", [](const numbers &n) { return cache_march_stress4(nullptr, n.at(0)); }},
         // The one subtest handed its buffer: a page-aligned block of the size.
         {"cache_rand_off_stress",
-         [](const numbers &n) { return cache_rand_off_stress(memalign(4096, n.at(0)), n.at(0), n.at(1)); }},
+         [](const numbers &n) {
+             void *block = memalign(4096, n.at(0));
+             int status = cache_rand_off_stress(block, n.at(0), n.at(1));
+             free(block);
+             return status;
+         }},
     };
-    std::istringstream words(text);
-    std::string name;
-    numbers given;
-    words >> name;
-    for (uint32_t n; words >> n;)
-        given.push_back(n);
     auto found = calls.find(name);
     if (found == calls.end())
         return {};
     return [call = found->second, given] { return call(given); };
+}
+
+inline std::function<int()> kernel_call(const std::string &text)
+{
+    std::istringstream words(text);
+    std::string name;
+    std::vector<uint32_t> given;
+    words >> name;
+    for (uint32_t n; words >> n;)
+        given.push_back(n);
+    return kernel_call(name, given);
 }
 
 #endif

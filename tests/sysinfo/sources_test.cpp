@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,7 @@
 #include "dxtsysinfo_ext.h"
 #include "hardware_reports.h"
 #include "recorded_cpuid.h"
+#include "table.h"
 
 namespace {
 
@@ -116,50 +118,27 @@ TEST_F(fixture_tree, sysfs_picks_entries_by_level_and_type_not_index)
     }
 }
 
+// The reviewed table fall_through.txt.
 TEST_F(fixture_tree, implausible_values_fall_through_to_the_next_source)
 {
-    // Processor 0's L2: the sysfs entry (size, line size, ways), else CPUID,
-    // in descriptor 4; sysconf's in descriptor 2.
-    const cpuid_dump zen2 = recorded::zen2(0), machine = recorded::this_machine();
-    cpuid_dump zen2_bad_leaf = zen2;
-    zen2_bad_leaf.leaf_8000001d[2].ebx = 0x01c0002f;  // 48-byte lines
-    const long l3 = 532676608;                         // this machine's C library names its L3
-    const struct {
-        const char *name, *size;
-        int line_size, ways;
-        const cpuid_dump *dump;  // nullptr: CPUID cannot be asked
-        long sysconf_l2;
-        const char *own_source;
-        uint32_t own_size;
-        const char *libc_source;
-    } rows[] = {
-        {"plausible", "2048K", 64, 16, &zen2, 1 << 20, "sysfs", 2 << 20, "sysconf"},
-        {"64 MiB", "65536K", 64, 16, &zen2, 1 << 20, "sysfs", 64 << 20, "sysconf"},
-        {"line 16", "1024K", 16, 8, &zen2, 1 << 20, "sysfs", 1 << 20, "sysconf"},
-        {"line 512", "1024K", 512, 8, &zen2, 1 << 20, "sysfs", 1 << 20, "sysconf"},
-        {"size 0", "0K", 64, 8, &zen2, 1 << 20, "CPUID leaf 0x8000001D", 512 << 10, "sysconf"},
-        {"line 8", "1024K", 8, 8, &zen2, 1 << 20, "CPUID leaf 0x8000001D", 512 << 10, "sysconf"},
-        {"line 48", "1024K", 48, 8, &zen2, 1 << 20, "CPUID leaf 0x8000001D", 512 << 10, "sysconf"},
-        {"line 1024", "1024K", 1024, 8, &zen2, 1 << 20, "CPUID leaf 0x8000001D", 512 << 10, "sysconf"},
-        {"no ways", "1024K", 64, 0, &zen2, 1 << 20, "CPUID leaf 0x8000001D", 512 << 10, "sysconf"},
-        {"over 64 MiB", "65540K", 64, 16, &zen2, 1 << 20, "CPUID leaf 0x8000001D", 512 << 10, "sysconf"},
-        {"bad leaf 0x8000001D", nullptr, 0, 0, &zen2_bad_leaf, 1 << 20, "CPUID leaf 0x80000006", 512 << 10, "sysconf"},
-        {"this machine", nullptr, 0, 0, &machine, l3, "CPUID leaf 0x80000006", 1 << 20, "none"},
-        {"nothing plausible", "0K", 64, 8, nullptr, l3, "none", 0, "none"},
-    };
+    const auto rows = table_rows(TARNEL_TEST_DATA "/fall_through.txt", 7);
+    EXPECT_EQ(rows.size(), 13u);
     for (const auto &row : rows) {
         fs::remove_all(fs::path(root) / "cpu0");
         fs::create_directories(fs::path(root) / "cpu0");
-        if (row.size != nullptr)
-            entry(0, 2, 2, "Unified", row.size, row.line_size, row.ways);
+        std::istringstream sysfs(row[1]);
+        std::string size;
+        int line_size = 0, ways = 0;
+        if (sysfs >> size >> line_size >> ways)
+            entry(0, 2, 2, "Unified", size.c_str(), line_size, ways);
         dumps.clear();
-        if (row.dump != nullptr)
-            dumps[0] = *row.dump;
-        sysconf_values[_SC_LEVEL2_CACHE_SIZE] = row.sysconf_l2;
+        if (!row[2].empty())
+            dumps[0] = recorded_dump(row[2]);
+        sysconf_values[_SC_LEVEL2_CACHE_SIZE] = std::stol(row[3]);
         use_cache_sources({root.c_str(), recorded_cpuid, recorded_sysconf});  // forgets the records
-        EXPECT_STREQ(dxt_tlib_get_cache_source(0, 4), row.own_source) << row.name;
-        EXPECT_EQ(descriptor(0, 4)[CACHEINFO_SIZE], row.own_size) << row.name;
-        EXPECT_STREQ(dxt_tlib_get_cache_source(0, 2), row.libc_source) << row.name;
+        EXPECT_EQ(dxt_tlib_get_cache_source(0, 4), row[4]) << row[0];
+        EXPECT_EQ(descriptor(0, 4)[CACHEINFO_SIZE], std::stoul(row[5])) << row[0];
+        EXPECT_EQ(dxt_tlib_get_cache_source(0, 2), row[6]) << row[0];
     }
 }
 
@@ -174,7 +153,7 @@ TEST_F(fixture_tree, l2_sharers_from_the_kernel_list_else_cpuid)
         fs::path l2 = entry(cpu, 2, 2, "Unified", "256K", 64, 4);
         if (cpu == 0)
             write(l2 / "shared_cpu_list", "0-1,3,2");
-        dumps[cpu] = recorded::skylake(apic_of[cpu]);
+        dumps[cpu] = recorded_dump("skylake", apic_of[cpu]);
     }
     EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(0), "0-3");
     EXPECT_STREQ(dxt_tlib_get_l2_shared_cpus(1), "1,3");
@@ -213,31 +192,18 @@ TEST_F(fixture_tree, hardware_reports_by_processor_and_kind)
     EXPECT_EQ((std::array{b.mce, b.thr, b.dfr, b.trm, b.core_throttle}), (std::array<int64_t, 5>{5, 7, -1, 0, 4}));
 }
 
-// A machine check as rasdaemon stores it: corrected from the status word
-// (AMD's deferred errors are not), L2 from its level or AMD's unit name.
+// The reviewed table machine_checks.txt.
 TEST(machine_checks, corrected_and_l2_from_status_and_unit)
 {
-    const int64_t valid = int64_t(1ULL << 63), uc = int64_t(1) << 61, deferred = int64_t(1) << 44;
-    const struct {
-        int64_t status;
-        bool amd;
-        const char *bank_name, *error_msg;
-        bool corrected, l2;
-    } rows[] = {
-        {valid | 0x010A, false, "", "Data CACHE Level-2 Data-Read Error", true, true},  // Intel, TT 01, LL 10
-        {valid | 0x110A, false, "", "Data CACHE Level-2 Data-Read Error", true, true},  // the filter bit set
-        {valid | 0x0109, false, "", "Data CACHE Level-1 Data-Read Error", true, false},
-        {valid | uc | 0x010A, false, "", "Generic CACHE Level-2 Generic Error", false, true},
-        {valid | 0x0012, false, "", "Level-2 TLB error", true, false},  // a TLB error names a level too
-        {valid | 0x0135, true, "L2 Cache (bank=2)", "Corrected error, no action required.", true, true},
-        {valid | deferred | 0x0135, true, "L2 Cache (bank=2)", "Deferred error, no action required.", false, true},
-        {valid | 0x0135, true, "L3 Cache (bank=7)", "Corrected error, no action required.", true, false},
-        {uc | 0x010A, false, "", "not valid", false, true},
-    };
+    const auto rows = table_rows(TARNEL_TEST_DATA "/machine_checks.txt", 6);
+    EXPECT_EQ(rows.size(), 9u);
     for (const auto &r : rows) {
-        ras::machine_check m = ras::classify(1, 3, 2, r.status, r.amd, r.bank_name, r.error_msg, r.error_msg);
-        EXPECT_EQ((std::array{m.corrected, m.l2_cache}), (std::array{r.corrected, r.l2})) << r.error_msg;
-        EXPECT_EQ(m.text, *r.bank_name ? std::string(r.bank_name) + "; " + r.error_msg : r.error_msg);
+        auto status = static_cast<int64_t>(std::stoull(r[0], nullptr, 16));
+        ras::machine_check m = ras::classify(1, 3, 2, status, r[1] == "amd", r[2], r[3], r[3]);
+        EXPECT_EQ(std::string(m.corrected ? "corrected " : "uncorrected ") + (m.l2_cache ? "L2" : "other"),
+                  r[4] + " " + r[5])
+            << r[0];
+        EXPECT_EQ(m.text, r[2].empty() ? r[3] : r[2] + "; " + r[3]);
     }
 }
 
@@ -256,11 +222,11 @@ TEST(cpuid_decode, each_vendor_reads_its_own_leaves)
         fields l2, l1_data;
         uint32_t sharing, apic_id;
     } rows[] = {
-        {"Skylake: leaf 4", recorded::skylake(6), {CACHE_SOURCE_CPUID_4, 256 << 10, 64, 4},
+        {"Skylake: leaf 4", recorded_dump("skylake", 6), {CACHE_SOURCE_CPUID_4, 256 << 10, 64, 4},
          {CACHE_SOURCE_CPUID_4, 32 << 10, 64, 8}, 2, 6},
-        {"Zen 2: leaf 0x8000001D", recorded::zen2(5), {CACHE_SOURCE_CPUID_8000001D, 512 << 10, 64, 8},
+        {"Zen 2: leaf 0x8000001D", recorded_dump("zen2", 5), {CACHE_SOURCE_CPUID_8000001D, 512 << 10, 64, 8},
          {CACHE_SOURCE_CPUID_8000001D, 32 << 10, 64, 8}, 2, 5},
-        {"this machine: leaves 0x80000005/6", recorded::this_machine(),
+        {"this machine: leaves 0x80000005/6", recorded_dump("this_machine"),
          {CACHE_SOURCE_CPUID_80000006, 1 << 20, 64, 8}, {CACHE_SOURCE_CPUID_80000005, 48 << 10, 64, 12}, 0, 0xe3},
     };
     for (const auto &row : rows) {
@@ -274,7 +240,7 @@ TEST(cpuid_decode, each_vendor_reads_its_own_leaves)
     }
     // Skylake's L1 instruction cache has the data cache's geometry.
     cache_desc desc = {};
-    EXPECT_FALSE(decode_deterministic_cache(recorded::skylake(0).leaf_4[1], CACHE_L1_DATA, 0, &desc));
+    EXPECT_FALSE(decode_deterministic_cache(recorded_dump("skylake", 0).leaf_4[1], CACHE_L1_DATA, 0, &desc));
 }
 
 }  // namespace
