@@ -78,48 +78,31 @@ std::string changed()
     return text;
 }
 
-// The start-up query describes the first processor in the table: the
-// descriptor asked for, the second level falling back to descriptor 4, and
-// a failure (with its text) for an empty descriptor or a failed record.
+// The reviewed table cache_info.txt.
 TEST_F(driver, get_cache_info_chooses_a_non_empty_descriptor)
 {
-    const std::string failed = "7 dxt_tlib_get_cpu_cacheinfo() failed on cpu %d, retval %d ; %s|";
-    const struct {
-        int index;
-        uint32_t d0, d2, d4;  // sizes; each descriptor's line is 64, its ways the index + 1
-        int retval;
-        int result;
-        uint32_t size, ways;
-        std::string log;
-    } rows[] = {
-        {2, 32768, 1048576, 4096, 0, 0, 1048576, 3, ""},
-        {2, 32768, 0, 4096, 0, 0, 4096, 5, ""},  // an empty L2 descriptor: the sequence's one
-        {2, 32768, 0, 0, 0, -1, 7, 7, failed},
-        {0, 32768, 1048576, 4096, 0, 0, 32768, 1, ""},
-        {0, 0, 1048576, 4096, 0, -1, 7, 7, failed},  // no fallback for the first level
-        {4, 32768, 1048576, 4096, 0, 0, 4096, 5, ""},
-        {2, 32768, 1048576, 4096, -1, -1, 7, 7, failed},
-        {2, 32768, 1048576, 4096, 5, -1, 7, 7, failed},
-    };
+    const auto rows = table_rows(TARNEL_TEST_DATA "/cache_info.txt", 8);
+    EXPECT_EQ(rows.size(), 8u);
     for (const auto &row : rows) {
+        std::vector<int> n;
+        for (const std::string &field : row)
+            n.push_back(std::stoi(field));
         SetUp();
         std::fill(std::begin(thr_db), std::end(thr_db), thr_db_entry{-1, 0, 0});
-        thr_db[1].cpu_id = 6;  // entry 0 empty: the first filled entry counts
-        fake::set_descriptor(6, 0, row.d0, 64, 1);
-        fake::set_descriptor(6, 2, row.d2, 64, 3);
-        fake::set_descriptor(6, 4, row.d4, 64, 5);
-        fake::set_cacheinfo_result(6, row.retval);
+        thr_db[1].cpu_id = 6;
+        for (int i : {0, 1, 2})
+            fake::set_descriptor(6, 2 * i, static_cast<uint32_t>(n[1 + i]), 64, 2 * i + 1);
+        fake::set_cacheinfo_result(6, n[4]);
         fake::set_errmsg("no cache record");
         uint32_t size = 7, line = 7, ways = 7;
-        EXPECT_EQ(get_cache_info(row.index, &size, &line, &ways), row.result) << row.index << " " << row.d2;
-        EXPECT_EQ(size, row.size) << row.index << " " << row.d2;
-        EXPECT_EQ(line, row.result == 0 ? 64u : 7u);
-        EXPECT_EQ(ways, row.ways) << row.index << " " << row.d2;
-        EXPECT_EQ(message_log(), row.log) << row.index << " " << row.d2;
-        if (!row.log.empty()) {
-            const fake::message m = fake::messages().at(0);
-            EXPECT_EQ(m.text, "dxt_tlib_get_cpu_cacheinfo() failed on cpu 6, retval " +
-                                  std::to_string(row.retval) + " ; " + (row.retval == -1 ? "no cache record" : ""));
+        EXPECT_EQ(get_cache_info(n[0], &size, &line, &ways), n[5]) << testing::PrintToString(row);
+        EXPECT_EQ((std::vector<uint32_t>{size, line, ways}),
+                  (std::vector<uint32_t>{uint32_t(n[6]), n[5] == 0 ? 64u : 7u, uint32_t(n[7])}))
+            << testing::PrintToString(row);
+        EXPECT_EQ(message_log(), n[5] == 0 ? "" : "7 dxt_tlib_get_cpu_cacheinfo() failed on cpu %d, retval %d ; %s|");
+        if (n[5] != 0) {
+            EXPECT_EQ(fake::messages().at(0).text, "dxt_tlib_get_cpu_cacheinfo() failed on cpu 6, retval " + row[4] +
+                                                       " ; " + (n[4] == -1 ? "no cache record" : ""));
         }
     }
 }
