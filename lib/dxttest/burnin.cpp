@@ -18,6 +18,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -319,7 +320,7 @@ void burn_in(const burn_in_request &request)
     progress_line progress{progress_wanted(request.display) && !single, 0, single ? 1 : request.runs,
                            request.seconds > 0 ? start + 1000 * request.seconds : 0};
     long long passed = 0, found = 0;
-    std::vector<std::pair<int, long long>> runs_by_status;
+    std::map<int, long long> runs_by_status;  // exit status: runs
     int last = exit_passed;  // the status of the run that ended the burn-in
     std::vector<failed_run> failed;
     std::vector<unfinished_run> unfinished;
@@ -334,11 +335,7 @@ void burn_in(const burn_in_request &request)
         run_outcome outcome = watch_run(request, request.run_args, number, -1, true, &progress);
         last = outcome.status;
         held = outcome.held_verdict;
-        auto same = std::find_if(runs_by_status.begin(), runs_by_status.end(), [&](auto &r) { return r.first == last; });
-        if (same != runs_by_status.end())
-            same->second++;
-        else
-            runs_by_status.push_back({last, 1});
+        runs_by_status[last]++;
         passed += last == exit_passed;
         if (!outcome.how.empty()) {
             progress.clear();
@@ -381,8 +378,9 @@ void burn_in(const burn_in_request &request)
                  : last != exit_passed   ? exit_could_not_test
                                          : exit_passed;
     long long runs = progress.run, elapsed = monotonic_ms() - start;
+    std::vector<std::pair<int, long long>> counted(runs_by_status.begin(), runs_by_status.end());
     burn_in_record record{time(nullptr), status, elapsed, "", runs, passed, found, failed, &reports,
-                          request.host, unfinished, retests, runs_by_status};
+                          request.host, unfinished, retests, counted};
     // A pass that cannot reach the monitoring is no pass.
     int metrics_error = write_burn_in_metrics(request, record);
     bool metrics_lost = metrics_error != 0 && status == exit_passed;
@@ -403,7 +401,8 @@ void burn_in(const burn_in_request &request)
     } else if (status == exit_hung) {
         put(text, "run ", runs, " hung; ");
     } else if (metrics_lost) {
-        put(text, "the metrics could not be written to ", request.metrics, " (", strerrordesc_np(metrics_error), "); ");
+        put_metrics_lost(text, request.metrics, metrics_error);
+        put(text, "; ");
     } else if (status == exit_could_not_test) {
         if (!unfinished.empty() && unfinished.back().run == runs)
             put(text, "run ", runs, " could not test: it ", unfinished.back().how, "; ");

@@ -142,9 +142,8 @@ void note_lost_output(int error)
 {
     if (output_lost.exchange(true))
         return;
-    const char *why = strerrordesc_np(error);
     dxt::line_buffer text;
-    dxt::put(text, name_of_test(), ": cannot write standard output (", why != nullptr ? why : "unknown error");
+    dxt::put(text, name_of_test(), ": cannot write standard output (", dxt::error_text(error));
     dxt::put(text, "): the run's output is lost, so it cannot pass (exit status 3 unless a fault is found)\n");
     dxt::write_all(STDERR_FILENO, text.data, text.length);
 }
@@ -1087,9 +1086,8 @@ int test_end(void)
     }
     if (metrics_error != 0) {
         dxt::line_buffer lost_metrics;
-        dxt::put(lost_metrics, "every processor passed, but the metrics could not be written to ", metrics_target.path,
-                 " (", strerrordesc_np(metrics_error) != nullptr ? strerrordesc_np(metrics_error) : "unknown error",
-                 ")");
+        dxt::put(lost_metrics, "every processor passed, but ");
+        dxt::put_metrics_lost(lost_metrics, metrics_target.path, metrics_error);
         finish({now_seconds(), dxt::exit_could_not_test, view(lost_metrics), {}, -1, nullptr, false, &reports});
     }
     dxt::stop_watchdog();

@@ -63,6 +63,9 @@ long long monotonic_ms();
 // The one call here that writes: all of it to fd, through interrupted
 // calls; 0, or the error that stopped it.
 int write_all(int fd, const char *data, size_t length);
+// An errno value's description ("No space left on device"), or "unknown
+// error" for a number the C library does not know.
+const char *error_text(int error);
 
 void put(text_buffer &line, std::string_view s);
 void put_int(text_buffer &line, long long value);

@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -26,9 +25,9 @@ void put_label_value(text_buffer &out, std::string_view value)
         put(out, c == '\\' ? "\\\\" : c == '"' ? "\\\"" : c == '\n' ? "\\n" : std::string_view(&c, 1));
 }
 
-void put_sample(text_buffer &out, std::string_view name, std::string_view labels, long long value)
+void put_sample(text_buffer &out, std::string_view name, long long value)
 {
-    put(out, name, labels.empty() ? "" : "{", labels, labels.empty() ? "" : "}", " ", value, "\n");
+    put(out, name, " ", value, "\n");
 }
 
 void put_cpu_sample(text_buffer &out, std::string_view name, int cpu, long long value)
@@ -48,14 +47,14 @@ void put_head(text_buffer &out, std::string_view version, std::string_view build
     put_label_value(out, build);
     put(out, "\"} 1\n");
     put_family(out, "tarneltest_last_run_timestamp_seconds", "When the last run or burn-in ended, since the epoch.");
-    put_sample(out, "tarneltest_last_run_timestamp_seconds", "", time);
+    put_sample(out, "tarneltest_last_run_timestamp_seconds", time);
     put_family(out, "tarneltest_last_run_duration_seconds", "How long the last run or burn-in took.");
     put(out, "tarneltest_last_run_duration_seconds ");
     put_seconds(out, elapsed_ms);
     put(out, "\n");
     put_family(out, "tarneltest_last_run_exit_status",
                "The last run's exit status: 0 pass, 1 fault, 2 usage, 3 could not test, 4 hung, 128+N signal N.");
-    put_sample(out, "tarneltest_last_run_exit_status", "", exit_status);
+    put_sample(out, "tarneltest_last_run_exit_status", exit_status);
     put_family(out, "tarneltest_last_run_verdict", "1 for the last run's verdict, 0 for every other.");
     for (const char *name : verdict_names())
         put(out, "tarneltest_last_run_verdict{verdict=\"", name, "\"} ",
@@ -80,7 +79,7 @@ void put_reports(text_buffer &out, const hardware_report *r)
         return;
     put_family(out, "tarneltest_last_run_hardware_reports_checked",
                "1 when the machine's error and thermal counts were read before and after the last run.");
-    put_sample(out, "tarneltest_last_run_hardware_reports_checked", "", r->checked);
+    put_sample(out, "tarneltest_last_run_hardware_reports_checked", r->checked);
     put_family(out, "tarneltest_last_run_hardware_reports",
                "How much each error and thermal count grew during the last run, by processor and kind (the "
                "record's hardware_counts).");
@@ -197,13 +196,17 @@ int write_metrics_file(const metrics_file &file, const text_buffer &text, const 
             unlink(file.temporary.c_str());
     }
     if (error != 0) {
-        const char *why = strerrordesc_np(error);
         line_buffer line;
-        put(line, program, ": cannot write the metrics to ", file.path, " (", why != nullptr ? why : "unknown error",
+        put(line, program, ": cannot write the metrics to ", file.path, " (", error_text(error),
             "): the run's result cannot reach the monitoring, so it cannot pass\n");
         write_all(STDERR_FILENO, line.data, line.length);
     }
     return error;
+}
+
+void put_metrics_lost(text_buffer &text, std::string_view path, int error)
+{
+    put(text, "the metrics could not be written to ", path, " (", error_text(error), ")");
 }
 
 }  // namespace dxt

@@ -37,6 +37,8 @@ metrics_file metrics_file_at(const std::string &path);
 // Writes text through the temporary file; 0, or the error that stopped it,
 // said on standard error after the program's name. Async-signal-safe.
 int write_metrics_file(const metrics_file &file, const text_buffer &text, const char *program);
+// "the metrics could not be written to PATH (why)", for a verdict's text.
+void put_metrics_lost(text_buffer &text, std::string_view path, int error);
 
 }  // namespace dxt
 

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <iterator>
 
 #include "cpuset.h"
@@ -101,6 +102,12 @@ void put(text_buffer &line, std::string_view s)
 {
     for (char c : s)
         put_char(line, c);
+}
+
+const char *error_text(int error)
+{
+    const char *why = strerrordesc_np(error);
+    return why != nullptr ? why : "unknown error";
 }
 
 int write_all(int fd, const char *data, size_t length)
