@@ -49,6 +49,25 @@ def run(args, binary=None, cpus=None, env=None, ignored=None, stdout=subprocess.
         return p.returncode, out + (rest or ""), err
 
 
+def cpu_cgroup():
+    """(directory, quota file, quota) of the cgroup tree that really carries
+    the cpu controller, from the mount table: version 2 where its root lists
+    cpu among those its children get, else version 1's cpu hierarchy; None where
+    neither is mounted (a plain folder at /sys/fs/cgroup throttles nothing)."""
+    v1 = None
+    with open("/proc/self/mountinfo") as mounts:
+        for line in mounts:
+            fields = line.split()
+            after = fields[fields.index("-") + 1:]
+            if after[0] == "cgroup2":
+                with open(os.path.join(fields[4], "cgroup.subtree_control")) as controllers:
+                    if "cpu" in controllers.read().split():
+                        return fields[4], "cpu.max", "2000 100000"
+            elif after[0] == "cgroup" and "cpu" in after[2].split(","):
+                v1 = fields[4], "cpu.cfs_quota_us", "2000"
+    return v1
+
+
 def record(out):
     return json.loads(out.splitlines()[-1])
 
@@ -189,27 +208,20 @@ class EndToEnd(unittest.TestCase):
             self.assertEqual(status, 0)
             self.assertIn(f"WARNING: another tarneltest, pid {first.pid} (cpus ", out)
             first.communicate(timeout=60)
-        for group, quota in [("/sys/fs/cgroup/tarneltest-e2e", ("cpu.max", "2000 100000")),
-                             ("/sys/fs/cgroup/cpu/tarneltest-e2e", ("cpu.cfs_quota_us", "2000"))]:
-            try:
-                os.mkdir(group)
-            except OSError:
-                continue
-            try:
-                with open(os.path.join(group, quota[0]), "w") as f:
-                    f.write(quota[1])
-                procs = os.path.join(group, "cgroup.procs")
-                status, out, _ = run(["-c", f'echo $$ > {procs} && exec "$0" "$@"', BINARY, "-q", "-o",
-                                      "count=2,test_mask=16"], binary="sh")
-                self.assertEqual(status, 0)
-                self.assertRegex(out, r"WARNING: CPU time was throttled by a cgroup quota \(.*2000.*\) in [0-9]+ of "
-                                      r"[0-9]+ periods")
-                return
-            except OSError:
-                continue
-            finally:
-                os.rmdir(group)
-        self.skipTest("no cgroup with a CPU quota can be made here")
+        mounted = cpu_cgroup()
+        if mounted is None:
+            self.skipTest("no cgroup file system with the cpu controller is mounted here")
+        group = os.path.join(mounted[0], f"tarneltest-e2e-{os.getpid()}")
+        os.mkdir(group)
+        self.addCleanup(os.rmdir, group)  # empty again once the run has ended
+        with open(os.path.join(group, mounted[1]), "w") as f:
+            f.write(mounted[2])
+        procs = os.path.join(group, "cgroup.procs")
+        status, out, _ = run(["-c", f'echo $$ > {procs} && exec "$0" "$@"', BINARY, "-q", "-o", "count=2,test_mask=16"],
+                             binary="sh")
+        self.assertEqual(status, 0)
+        self.assertRegex(out, rf"WARNING: CPU time was throttled by a cgroup quota \(.*{mounted[2]}.*\) in [0-9]+ of "
+                              r"[0-9]+ periods")
 
     def test_a_default_taken_is_said_even_when_quiet(self):
         status, out, _ = run(["-q", "-o", "count=2000,test_mask=0"])
