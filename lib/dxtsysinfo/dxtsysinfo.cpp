@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <new>
 #include <mutex>
 #include <string>
 
@@ -197,12 +198,22 @@ int fill_record(int cpu, const cache_pair &own, const cache_pair &libc, uint32_t
 int dxt_tlib_get_cpu_cacheinfo(int cpu_id, uint32_t **record)
 {
     std::lock_guard<std::mutex> hold(records_lock);
-    if (record == nullptr || !processor_exists(cpu_id))
+    if (record == nullptr)
         return NO_SUCH_PROCESSOR;
-    cpu_record *entry = record_of(cpu_id);
-    if (entry->result == 0)
-        *record = entry->words;
-    return entry->result;
+    // A worker asks for a record read before the run, and the lookup
+    // allocates nothing: under a memory limit the worker still gets it.
+    auto known = records().find(cpu_id);
+    try {
+        if (known == records().end() && !processor_exists(cpu_id))
+            return NO_SUCH_PROCESSOR;
+        cpu_record *entry = known != records().end() ? known->second : record_of(cpu_id);
+        if (entry->result == 0)
+            *record = entry->words;
+        return entry->result;
+    } catch (const std::bad_alloc &) {
+        init_errmsg = "out of memory while reading the cache description";
+        return -1;
+    }
 }
 
 // The vendor is the machine's: leaf 0 reads the same on every processor,

@@ -137,6 +137,13 @@ command_line parse_command_line(int argc, char **argv)
                                optarg + "'";
                 return result;
             }
+            if (c == opt_timeout && amount < min_timeout_seconds) {
+                result.action = command_action::error;
+                result.error = "--timeout needs at least " + std::to_string(min_timeout_seconds) +
+                               " s: a run pauses 2 s of its own, so a shorter limit cannot be met, not '" + optarg +
+                               "'";
+                return result;
+            }
             if (c == opt_duration)
                 result.burn_in_seconds = amount;
             else if (c == opt_timeout)

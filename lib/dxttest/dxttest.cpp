@@ -23,10 +23,12 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "allocations.h"
 #include "burnin.h"
 #include "dxttest_internal.h"
 #include "testinfo.h"
@@ -131,6 +133,12 @@ std::atomic<bool> progress_shown{false};  // a progress line is on the screen
 int terminal_columns = 80;
 constexpr std::string_view clear_line = "\r\033[K";
 
+// Kernels a subtest skipped because their memory could not be had, by
+// processor and the subtests the worker may have been in: work the run
+// meant to do and did not. Added under report_lock.
+dxt::failure_site skipped[max_reported];
+std::atomic<int> skipped_count{0};
+
 const char *name_of_test() { return test_name != nullptr ? test_name : "the test"; }
 
 // A run whose output was lost (a full disk, a closed descriptor) showed
@@ -199,8 +207,10 @@ void put_status_reason(dxt::text_buffer &text, std::string_view reason, int stat
                        std::span<const dxt::failure_site> failures = {})
 {
     dxt::put(text, reason);
+    // A fault names where it was found; a lack of memory, where it was.
+    bool faults = std::any_of(failures.begin(), failures.end(), dxt::is_fault);
     for (size_t i = 0, named = 0; i < failures.size(); i++) {
-        if (!dxt::names_new_cpu(failures, i))
+        if (dxt::is_fault(failures[i]) != faults || !dxt::names_new_cpu(failures, i))
             continue;
         dxt::put(text, named++ == 0 ? " on cpu" : ", cpu", failures[i].cpu);
     }
@@ -338,6 +348,11 @@ int reporting_processor()
     return cpu >= 0 ? cpu : sched_getcpu();
 }
 
+std::span<const dxt::failure_site> skipped_so_far()
+{
+    return {skipped, static_cast<size_t>(skipped_count.load())};
+}
+
 // A verdict with what every verdict of this run carries.
 std::span<const dxt::left_out_processor> lost_so_far() { return {lost, static_cast<size_t>(lost_count.load())}; }
 
@@ -419,12 +434,16 @@ dxt::subtest_set subtests_of(const worker_progress *p, bool main_thread, bool st
     return dxt::possible_subtests(test_mask, p->last_started.load(), p->ended.load(), status_known, status, running);
 }
 
+// The verdict's words when the only thing that stopped the test was memory.
+constexpr const char no_memory_reason[] = "the test could not get the memory it needed";
+
 // Where the calling thread failed: its binding and its subtest.
 dxt::failure_site own_failure(int number)
 {
     dxt::failure_site site;
     site.cpu = worker_processor() >= 0 ? worker_processor() : platform_bound_processor();
     site.message = number;
+    site.no_memory = number == MSG_WRRDVR_NO_MEMORY || number == MSG_NO_MEMORY;
     int named = dxt::subtest_ending_with(number);
     if (named >= 0) {
         site.subtests.index[site.subtests.count++] = named;
@@ -447,6 +466,7 @@ std::vector<dxt::failure_site> failed_workers(bool none_is_unknown = true)
         site.message = MSG_WORKERS_FAILED;
         site.status_known = true;
         site.status = t.status;
+        site.no_memory = t.status == ENOMEM;
         site.subtests = subtests_of(progress_of(t.tid), false, true, t.status);
         sites.push_back(site);
     }
@@ -477,6 +497,8 @@ void put_verdict(dxt::text_buffer &out, const dxt::verdict_record &record)
         dxt::put_verdict_block(out, record, display.quiet);
     if (failures_fd >= 0)
         for (const dxt::failure_site &f : record.failures) {
+            if (!dxt::is_fault(f))
+                continue;
             dxt::line_buffer line;
             dxt::put_failure_brief(line, f);
             dxt::write_all(failures_fd, line.data, line.length);
@@ -578,10 +600,14 @@ struct run_end {
         write_metrics(record, true);
         exit_now(e.status);
     }
-    std::vector<dxt::left_out_processor> left = left_out_at_end(e.failures);
+    std::vector<dxt::failure_site> failures(e.failures.begin(), e.failures.end());
+    for (const dxt::failure_site &s : skipped_so_far())
+        if (!std::any_of(failures.begin(), failures.end(), [&](const auto &f) { return f.no_memory && f.cpu == s.cpu; }))
+            failures.push_back(s);
+    std::vector<dxt::left_out_processor> left = left_out_at_end(failures);
     dxt::hardware_report read_now = e.reports == nullptr ? check_reports() : dxt::hardware_report{};
     const dxt::hardware_report *reports = e.reports != nullptr ? e.reports : machine != nullptr ? &read_now : nullptr;
-    dxt::verdict_record record = run_record(e.time, e.status, reason, e.cpu, e.failures, reports, left);
+    dxt::verdict_record record = run_record(e.time, e.status, reason, e.cpu, failures, reports, left);
     std::vector<char> storage(dxt::line_capacity + dxt::verdict_room(record));
     dxt::text_buffer out{storage.data(), storage.size()};
     if (e.lead != nullptr)
@@ -595,6 +621,11 @@ struct run_end {
     int status = dxt::exit_status_of(m.number, m.exit_flag);
     std::vector<dxt::failure_site> failures =
         m.number == MSG_WORKERS_FAILED ? failed_workers() : std::vector<dxt::failure_site>{own_failure(m.number)};
+    // Workers that could not get their memory found nothing wrong.
+    if (std::none_of(failures.begin(), failures.end(), dxt::is_fault)) {
+        status = dxt::exit_could_not_test;
+        finish({m.time, status, no_memory_reason, failures, m.main_thread ? -1 : m.cpu, &m});
+    }
     finish({m.time, status, dxt::verdict_reason(status), failures, m.main_thread ? -1 : m.cpu, &m});
 }
 
@@ -611,9 +642,19 @@ struct run_end {
         site.subtests = subtests_of(progress_of(threads[i].tid), false, false, 0, true);
         failures.push_back(site);
     }
+    // No worker is going: the main thread is what stalled.
+    if (found.threads.empty()) {
+        dxt::failure_site site;
+        site.hung = true;
+        site.stalled = threads.empty() ? "the main thread, before any worker started"
+                                       : "the main thread, after every worker finished";
+        failures.push_back(site);
+    }
     int status = fault ? dxt::exit_fault_found : dxt::exit_hung;
     dxt::message_fields lead{now_seconds(), LVL_FATAL, -1, true, "dxttest", MSG_FREE_TEXT, DXT_FATAL, found.detail};
-    finish({lead.time, status, dxt::verdict_reason(status), failures, -1, &lead});
+    finish({lead.time, status,
+            fault || !found.threads.empty() ? dxt::verdict_reason(status) : "the main thread stopped making progress",
+            failures, -1, &lead});
 }
 
 void show_message(int exit_flag, int level, const char *tag, int number, std::string_view text)
@@ -698,6 +739,12 @@ void show_debug(std::string_view text)
 // What the verdict needs of the machine, read once the run is sure to start.
 void prepare_run()
 {
+    // From here on a read that never ends (a FIFO, a stuck file system) is
+    // the watchdog's too.
+    if (int error = dxt::start_watchdog(started.tv_sec * 1000LL + started.tv_nsec / 1000000, timeout_ms, end_hung))
+        show_message(DXT_RETURN, LVL_STEP_ERROR, "dxttest", MSG_FREE_TEXT,
+                     std::string("the watchdog could not be started (") + strerror(error) +
+                         "): this run has no time limit");
     machine = new dxt::machine_description(dxt::describe_machine());
     processors = new std::vector<dxt::processor_entry>(dxt::describe_processors(*machine));
     host_identity = dxt::describe_host(now_seconds(), host_name);
@@ -730,10 +777,6 @@ void prepare_run()
     winsize size;
     if (progress_on && ioctl(output_fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
         terminal_columns = size.ws_col;
-    if (int error = dxt::start_watchdog(started.tv_sec * 1000LL + started.tv_nsec / 1000000, timeout_ms, end_hung))
-        show_message(DXT_RETURN, LVL_STEP_ERROR, "dxttest", MSG_FREE_TEXT,
-                     std::string("the watchdog could not be started (") + strerror(error) +
-                         "): this run has no time limit");
 }
 
 sigset_t interrupt_signals()
@@ -881,9 +924,146 @@ void trace(const char *what)
     dxt::burn_in(request);
 }
 
+// One message of the program: its progress and reports noted, then shown
+// (and the run ended, for a message that ends it).
+void take_message(int exit_flag, int level, const char *tag, int number, va_list args)
+{
+    note_progress(number);
+    va_list reading;
+    va_copy(reading, args);
+    std::optional<dxt::l2_geometry> geometry = note_report(number, tag, reading);
+    va_end(reading);
+    if (exit_flag == 0 && !dxt::level_shown(display, level, number))
+        return;
+    char text[dxt::text_capacity];
+    dxt::format_message_text(text, sizeof text, number, options_text, args);
+    show_message(exit_flag, level, tag, number, text);
+    if (geometry) {
+        dxt::line_buffer line;
+        dxt::put_geometry_text(line, *geometry);
+        show_debug(view(line));
+    }
+}
+
+// The harness itself ran out of memory (a limit on the address space): the
+// run ends in the room set aside before it, as a signal handler's does.
+[[noreturn]] void end_without_memory()
+{
+    if (ending.exchange(true))
+        hang();
+    finish({now_seconds(), dxt::exit_could_not_test, "the harness ran out of memory", {}, -1, nullptr, true});
+}
+
+// A run passes only when it tested what it was asked to: every usable
+// processor, with at least one subtest, and every kernel of them.
+void end_passing_run()
+{
+    long long elapsed = elapsed_ms();
+    int lost_now = lost_count.load();
+    dxt::line_buffer reason;
+    if (lost_now > 0) {
+        dxt::put(reason, "not every processor was tested: left out ");
+        for (int i = 0; i < lost_now; i++) {
+            dxt::put(reason, i > 0 ? ", cpu" : "cpu", lost[i].cpu, " (", lost[i].reason, ")");
+        }
+        std::vector<int> passed_cpus;
+        for (int cpu : machine->tested)
+            if (!dxt::was_lost(lost_so_far(), cpu))
+                passed_cpus.push_back(cpu);
+        dxt::put(reason, passed_cpus.empty()       ? "; no processor was tested"
+                         : passed_cpus.size() == 1 ? "; tested and passed: cpu"
+                                                   : "; tested and passed: cpus ");
+        dxt::put_cpu_list(reason, passed_cpus);
+        finish({now_seconds(), dxt::exit_could_not_test, view(reason)});
+    }
+    if (skipped_count.load() > 0)
+        finish({now_seconds(), dxt::exit_could_not_test, no_memory_reason, skipped_so_far()});
+    if ((test_mask & dxt::subtest_bits()) == 0) {
+        dxt::put(reason, "test_mask ", test_mask, " selects no subtest: nothing was tested");
+        finish({now_seconds(), dxt::exit_could_not_test, view(reason)});
+    }
+    // The hardware's own report of an uncorrected error on a tested
+    // processor: it failed under test, whatever the subtests read back.
+    dxt::hardware_report reports = check_reports();
+    std::vector<dxt::failure_site> checks;
+    for (const ras::machine_check *m : dxt::failed_under_test(reports, machine->tested)) {
+        dxt::failure_site site;
+        site.cpu = m->cpu;
+        site.machine_check = m->text.c_str();
+        checks.push_back(site);
+    }
+    if (!checks.empty())
+        finish({now_seconds(), dxt::exit_fault_found, "the hardware reported an uncorrected machine check", checks, -1,
+                nullptr, false, &reports});
+    dxt::put_pass_text(reason, name_of_test(), *machine, elapsed);
+    dxt::verdict_record record = run_record(now_seconds(), dxt::exit_passed, reason, -1, {}, &reports);
+    std::vector<char> storage(dxt::verdict_room(record));
+    dxt::text_buffer out{storage.data(), storage.size()};
+    put_verdict(out, record);
+    int metrics_error = 0;
+    {
+        std::lock_guard<std::mutex> hold(output_lock);
+        if (ending.load())
+            return;
+        // A pass that cannot reach the monitoring is no pass, nor one whose
+        // output was lost: the metrics carry the status the process ends with.
+        dxt::verdict_record measured = record;
+        measured.exit_status = output_lost.load() ? dxt::exit_could_not_test : dxt::exit_passed;
+        metrics_error = write_metrics(measured, false);
+        if (metrics_error == 0) {
+            clear_progress();
+            write_text(output_fd, out);
+            passed = true;
+            if (output_lost.load() && measured.exit_status == dxt::exit_passed) {
+                measured.exit_status = dxt::exit_could_not_test;
+                metrics_written = false;
+                write_metrics(measured, false);
+            }
+        }
+    }
+    if (metrics_error != 0) {
+        dxt::line_buffer lost_metrics;
+        dxt::put(lost_metrics, "every processor passed, but ");
+        dxt::put_metrics_lost(lost_metrics, metrics_target.path, metrics_error);
+        finish({now_seconds(), dxt::exit_could_not_test, view(lost_metrics), {}, -1, nullptr, false, &reports});
+    }
+    dxt::stop_watchdog();
+    stop_waiter();
+    if (output_lost.load())
+        end_process(dxt::exit_could_not_test);
+}
+
 }  // namespace
 
 namespace dxt {
+
+void note_failed_allocation()
+{
+    // Only a worker's allocations are the test's; a subtest that gives up
+    // on its memory ends its worker with status 12, which the join shows,
+    // so only a kernel skipped in silence is kept here.
+    int cpu = platform_bound_processor();
+    if (cpu < 0 || on_main_thread())
+        return;
+    dxt::failure_site site;
+    site.cpu = cpu;
+    site.no_memory = true;
+    dxt::subtest_set may_be_in = subtests_of(own_progress, false, false, 0, true);
+    for (int i = 0; i < may_be_in.count; i++)
+        if (subtests()[static_cast<size_t>(may_be_in.index[i])].skips_without_memory)
+            site.subtests.index[site.subtests.count++] = may_be_in.index[i];
+    if (site.subtests.count == 0)
+        return;
+    std::lock_guard<std::mutex> hold(report_lock);
+    int n = skipped_count.load();
+    for (int i = 0; i < n; i++)
+        if (skipped[i].cpu == cpu && skipped[i].subtests.index[0] == site.subtests.index[0])
+            return;
+    if (n < max_reported) {
+        skipped[n] = site;
+        skipped_count.store(n + 1);
+    }
+}
 
 void write_output(const text_buffer &text) { write_text(STDOUT_FILENO, text); }
 
@@ -1006,94 +1186,24 @@ void trace_after(int) { trace("leaving "); }
 
 int dxt_message(int exit_flag, int level, const char *tag, int number, ...)
 {
-    note_progress(number);
     va_list args;
     va_start(args, number);
-    std::optional<dxt::l2_geometry> geometry = note_report(number, tag, args);
-    va_end(args);
-    if (exit_flag == 0 && !dxt::level_shown(display, level, number))
-        return 0;
-    char text[dxt::text_capacity];
-    va_start(args, number);
-    dxt::format_message_text(text, sizeof text, number, options_text, args);
-    va_end(args);
-    show_message(exit_flag, level, tag, number, text);
-    if (geometry) {
-        dxt::line_buffer line;
-        dxt::put_geometry_text(line, *geometry);
-        show_debug(view(line));
+    try {
+        take_message(exit_flag, level, tag, number, args);
+    } catch (const std::bad_alloc &) {
+        end_without_memory();
     }
+    va_end(args);
     return 0;
 }
 
-// A run passes only when it tested what it was asked to: every usable
-// processor, with at least one subtest.
 int test_end(void)
 {
-    long long elapsed = elapsed_ms();
-    int lost_now = lost_count.load();
-    dxt::line_buffer reason;
-    if (lost_now > 0) {
-        dxt::put(reason, "not every processor was tested: left out ");
-        for (int i = 0; i < lost_now; i++) {
-            dxt::put(reason, i > 0 ? ", cpu" : "cpu", lost[i].cpu, " (", lost[i].reason, ")");
-        }
-        std::vector<int> passed_cpus;
-        for (int cpu : machine->tested)
-            if (!dxt::was_lost(lost_so_far(), cpu))
-                passed_cpus.push_back(cpu);
-        dxt::put(reason, passed_cpus.empty()       ? "; no processor was tested"
-                         : passed_cpus.size() == 1 ? "; tested and passed: cpu"
-                                                   : "; tested and passed: cpus ");
-        dxt::put_cpu_list(reason, passed_cpus);
-        finish({now_seconds(), dxt::exit_could_not_test, view(reason)});
+    try {
+        end_passing_run();
+    } catch (const std::bad_alloc &) {
+        end_without_memory();
     }
-    if ((test_mask & dxt::subtest_bits()) == 0) {
-        dxt::put(reason, "test_mask ", test_mask, " selects no subtest: nothing was tested");
-        finish({now_seconds(), dxt::exit_could_not_test, view(reason)});
-    }
-    // The hardware's own report of an uncorrected error on a tested
-    // processor: it failed under test, whatever the subtests read back.
-    dxt::hardware_report reports = check_reports();
-    std::vector<dxt::failure_site> checks;
-    for (const ras::machine_check *m : dxt::failed_under_test(reports, machine->tested)) {
-        dxt::failure_site site;
-        site.cpu = m->cpu;
-        site.machine_check = m->text.c_str();
-        checks.push_back(site);
-    }
-    if (!checks.empty())
-        finish({now_seconds(), dxt::exit_fault_found, "the hardware reported an uncorrected machine check", checks, -1,
-                nullptr, false, &reports});
-    dxt::put(reason, name_of_test(), " passed in ");
-    dxt::put_elapsed(reason, elapsed);
-    dxt::verdict_record record = run_record(now_seconds(), dxt::exit_passed, reason, -1, {}, &reports);
-    std::vector<char> storage(dxt::verdict_room(record));
-    dxt::text_buffer out{storage.data(), storage.size()};
-    put_verdict(out, record);
-    int metrics_error = 0;
-    {
-        std::lock_guard<std::mutex> hold(output_lock);
-        if (ending.load())
-            return 0;
-        // A pass that cannot reach the monitoring is no pass.
-        metrics_error = write_metrics(record, false);
-        if (metrics_error == 0) {
-            clear_progress();
-            write_text(output_fd, out);
-            passed = true;
-        }
-    }
-    if (metrics_error != 0) {
-        dxt::line_buffer lost_metrics;
-        dxt::put(lost_metrics, "every processor passed, but ");
-        dxt::put_metrics_lost(lost_metrics, metrics_target.path, metrics_error);
-        finish({now_seconds(), dxt::exit_could_not_test, view(lost_metrics), {}, -1, nullptr, false, &reports});
-    }
-    dxt::stop_watchdog();
-    stop_waiter();
-    if (output_lost.load())
-        end_process(dxt::exit_could_not_test);
     return 0;
 }
 

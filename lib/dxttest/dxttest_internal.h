@@ -145,6 +145,7 @@ struct subtest {
     bool compares;       // may end a worker with the miscompare status -1
     bool allocates;      // may end a worker with the no-memory status 12
     bool fails_after_end;  // says its end message before it returns its miscompare
+    bool skips_without_memory = false;  // carries on past a kernel that could not get its memory
 };
 std::span<const subtest> subtests();
 int subtest_started_by(int number);  // its index, or -1
@@ -175,6 +176,9 @@ std::span<const char *const> verdict_names();
 // A run's time limit unless --timeout says otherwise: far beyond the
 // longest healthy run (count=1024 over a 2 MiB L2 takes about 20 s).
 constexpr long long default_timeout_seconds = 3600;
+// The least limit a run can meet: it pauses one second after starting its
+// workers and one before its end.
+constexpr long long min_timeout_seconds = 3;
 
 enum class command_action { run, help, version, error };
 struct command_line {

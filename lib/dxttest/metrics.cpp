@@ -115,7 +115,7 @@ void put_reports(text_buffer &out, const hardware_report *r)
 bool names_cpu(std::span<const failure_site> failures, int cpu)
 {
     for (const failure_site &f : failures)
-        if (f.cpu == cpu)
+        if (f.cpu == cpu && is_fault(f))
             return true;
     return false;
 }
@@ -141,6 +141,14 @@ void put_run_metrics(text_buffer &out, const verdict_record &r)
             for (const left_out_processor &p : r.machine->left_out)
                 visit(p.cpu, false, false);
         });
+    if (r.machine != nullptr) {
+        // Taken offline by someone, perhaps after errors: worth an alert.
+        put_family(out, "tarneltest_cpu_offline", "1 when the processor is present but offline, so it was not tested.");
+        for (int cpu : r.machine->tested)
+            put_cpu_sample(out, "tarneltest_cpu_offline", cpu, 0);
+        for (const left_out_processor &p : r.machine->left_out)
+            put_cpu_sample(out, "tarneltest_cpu_offline", p.cpu, std::string_view(p.reason) == "offline");
+    }
     put_reports(out, r.reports);
 }
 

@@ -78,6 +78,8 @@ void put_failure_json(text_buffer &out, const failure_site &f)
     }
     put(out, "]");
     put(out, f.hung ? ",\"hung\":true" : ",\"hung\":false");
+    put(out, f.no_memory ? ",\"no_memory\":true" : ",\"no_memory\":false");
+    put_text_member(out, "stalled", f.stalled != nullptr ? f.stalled : "", f.stalled != nullptr);
     put_text_member(out, "machine_check", f.machine_check != nullptr ? f.machine_check : "", f.machine_check != nullptr);
     put_hex_member(out, "address", f.address, f.address_known);
     put(out, "}");
@@ -211,15 +213,19 @@ void put_failure_line(text_buffer &out, long long time, const failure_site &f,
                       std::span<const processor_entry> processors)
 {
     start_summary_line(out, time);
-    put(out, "failure on ");
+    put(out, f.no_memory ? "not tested for lack of memory on " : "failure on ");
     if (f.cpu >= 0) {
         put(out, "cpu", f.cpu);
         put_part(out, processors, f.cpu);
+    } else if (f.stalled != nullptr) {
+        put(out, f.stalled);
     } else {
         put(out, "an unknown processor");
     }
     put(out, ": ");
-    if (f.subtests.count == 0)
+    if (f.stalled != nullptr)
+        put(out, "no subtest running");
+    else if (f.subtests.count == 0)
         put(out, "subtest unknown");
     else
         put_subtest_names(out, f.subtests, " or ");
@@ -230,6 +236,8 @@ void put_failure_line(text_buffer &out, long long time, const failure_site &f,
         put(out, "machine check: ", f.machine_check);
     else if (f.message != 0)
         put(out, "message ", f.message);
+    else if (f.no_memory)
+        put(out, "a kernel's buffer could not be allocated, so it was skipped");
     else
         put(out, "signal");
     if (f.status_known)
@@ -254,14 +262,23 @@ std::vector<int> every_processor(const hardware_report &report)
 // The processors a run tested, for its warnings.
 std::vector<std::string> warnings_of(const verdict_record &r)
 {
+    std::vector<std::string> said;
+    if (r.machine != nullptr)
+        for (const left_out_processor &p : r.machine->left_out)
+            if (same_text(p.reason, "offline"))
+                said.push_back("cpu" + std::to_string(p.cpu) +
+                               " is offline, so it was not tested (a processor taken offline after errors is one to "
+                               "check)");
     if (r.reports == nullptr)
-        return {};
+        return said;
     std::vector<int> tested;
     if (r.machine != nullptr)
         for (int cpu : r.machine->tested)
             if (!was_lost(r.lost, cpu))
                 tested.push_back(cpu);
-    return report_warnings(*r.reports, tested);
+    std::vector<std::string> reported = report_warnings(*r.reports, tested);
+    said.insert(said.end(), reported.begin(), reported.end());
+    return said;
 }
 
 const processor_entry *entry_of(std::span<const processor_entry> processors, int cpu)
@@ -437,7 +454,7 @@ bool names_new_cpu(std::span<const failure_site> failures, size_t i)
     if (failures[i].cpu < 0)
         return false;
     for (size_t j = 0; j < i; j++)
-        if (failures[j].cpu == failures[i].cpu)
+        if (failures[j].cpu == failures[i].cpu && failures[j].no_memory == failures[i].no_memory)
             return false;
     return true;
 }
@@ -537,7 +554,7 @@ void put_verdict_record(text_buffer &out, const verdict_record &r)
         });
     put(out, "],\"failed_cpus\":[");
     for (size_t i = 0; i < r.failures.size(); i++)
-        if (names_new_cpu(r.failures, i)) {
+        if (is_fault(r.failures[i]) && names_new_cpu(r.failures, i)) {
             put_comma(out);
             put_int(out, r.failures[i].cpu);
         }
@@ -587,6 +604,29 @@ void put_verdict_block(text_buffer &out, const verdict_record &r, bool quiet)
         put(out, "WARNING: ", warning, "\n");
     }
     put_verdict_line(out, {r.time, verdict_word(r.exit_status), r.text});
+}
+
+void put_pass_text(text_buffer &out, std::string_view test, const machine_description &m, long long elapsed_ms)
+{
+    size_t present = m.tested.size() + m.left_out.size();
+    put(out, test, " passed on ", m.tested.size(), " of ", present, present == 1 ? " processor in " : " processors in ");
+    put_elapsed(out, elapsed_ms);
+    if (m.left_out.empty())
+        return;
+    put(out, "; left out: ");
+    bool first = true;
+    for (const char *reason : left_out_reasons) {
+        std::vector<int> ids;
+        for (const left_out_processor &p : m.left_out)
+            if (same_text(p.reason, reason))
+                ids.push_back(p.cpu);
+        if (ids.empty())
+            continue;
+        put(out, first ? "" : ", ", ids.size() == 1 ? "cpu" : "cpus ");
+        put_cpu_list(out, ids);
+        put(out, reason_text(reason));
+        first = false;
+    }
 }
 
 void put_failure_brief(text_buffer &out, const failure_site &f)

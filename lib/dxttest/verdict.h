@@ -111,12 +111,22 @@ struct failure_site {
     uintptr_t address = 0;
     bool hung = false;  // the watchdog found the worker making no progress
     const char *machine_check = nullptr;  // an uncorrected machine check's text, recorded meanwhile
+    // Not a fault: the subtest could not get its memory (a worker's status
+    // 12, message 4001 or 4002, or a kernel skipped for it), so it did not
+    // test what it was meant to.
+    bool no_memory = false;
+    const char *stalled = nullptr;  // what hung when no worker did: "the main thread, ..."
 };
+
+// Whether a site is a fault of the hardware (a miscompare, a hang, a
+// machine check) rather than work that could not be done.
+inline bool is_fault(const failure_site &f) { return !f.no_memory; }
 
 // Whether the run meant to test the processor but did not.
 bool was_lost(std::span<const left_out_processor> lost, int cpu);
 
-// Whether failures[i] names a processor that no earlier failure names.
+// Whether failures[i] names a processor that no earlier failure of its kind
+// (fault, or lack of memory) names.
 bool names_new_cpu(std::span<const failure_site> failures, size_t i);
 
 struct verdict_record {
@@ -150,6 +160,10 @@ void put_verdict_block(text_buffer &out, const verdict_record &record, bool quie
 // allowed processors) and the information library (the sharers of each
 // tested processor's L2).
 machine_description describe_machine();
+
+// A pass in words, with what it covered: "tarneltest passed on 1 of 2
+// processors in 2.0 s; left out: cpu0 (outside the allowed CPU set)".
+void put_pass_text(text_buffer &out, std::string_view test, const machine_description &m, long long elapsed_ms);
 
 // One failure for a burn-in's parent: "<cpu>\t<subtest>\n" (-1 and "" when
 // not known).

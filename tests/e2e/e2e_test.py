@@ -17,6 +17,7 @@ import signal
 import socket
 import subprocess
 import sys
+import tempfile
 import time
 import unittest
 
@@ -68,6 +69,18 @@ def cpu_cgroup():
     return v1
 
 
+def least_room():
+    """The least address space, in KiB to 256, in which a run starts all its
+    workers: there no test buffer fits."""
+    low, high = 8192, 1 << 21
+    while high - low > 256:
+        middle = (low + high) // 2
+        done = subprocess.run(["sh", "-c", f'ulimit -v {middle} && exec "$0" -q -o test_mask=0', BINARY],
+                              capture_output=True, text=True)
+        low, high = (low, middle) if "selects no subtest" in done.stdout else (middle, high)
+    return high
+
+
 def record(out):
     return json.loads(out.splitlines()[-1])
 
@@ -94,6 +107,25 @@ class EndToEnd(unittest.TestCase):
                     v = record(out)
                     self.assertEqual((v["exit_status"], v["tested_cpus"]), (2, []))
                     self.assertIn(shlex.split(args)[-1], v["text"])
+
+    def test_hostile_inputs_and_conditions(self):
+        """The reviewed table hostile_inputs.txt: each command ends in time,
+        with its status and texts."""
+        sanitized = os.environ.get("ASAN_OPTIONS") or os.environ.get("TSAN_OPTIONS")
+        have = {"plain": not sanitized, "faulty": bool(FAULTY), "2cpus": len(CPUS) >= 2,
+                "ns": subprocess.run(["unshare", "-m", "true"]).returncode == 0}
+        room = None
+        for needs, command, want, out_re, err_re in table("hostile_inputs.txt", 5):
+            if not all(have[need] for need in needs.split()):
+                continue
+            if "$ROOM" in command and room is None:
+                room = least_room()
+            with self.subTest(command=command), tempfile.TemporaryDirectory() as tmp:
+                env = dict(os.environ, T=BINARY, F=FAULTY or "", D=tmp, ROOM=str(room))
+                done = subprocess.run(["sh", "-c", command], capture_output=True, text=True, env=env, timeout=60)
+                self.assertEqual(done.returncode, int(want), done.stdout + done.stderr)
+                self.assertRegex(done.stdout, out_re or "^")
+                self.assertRegex(done.stderr, err_re or "^")
 
     def test_cpuid_describes_the_caches_where_sysfs_is_masked(self):
         """A container that masks /sys/devices/system/cpu: the geometry still
@@ -409,7 +441,8 @@ class EndToEnd(unittest.TestCase):
                     self.assertEqual(v["failures"], [{"cpu": cpu, "message": int(message),
                                                       "worker_status": int(worker_status) if worker_status else None,
                                                       "subtest": subtest, "possible_subtests": [subtest],
-                                                      "hung": False, "machine_check": None, "address": None}])
+                                                      "hung": False, "no_memory": False, "stalled": None,
+                                                      "machine_check": None, "address": None}])
 
     def test_a_stalled_worker_ends_the_run_as_hung(self):
         """A worker stopped for ever ends the run at --timeout with HUNG and 4,
@@ -419,12 +452,12 @@ class EndToEnd(unittest.TestCase):
         if not FAULTY:
             self.skipTest("no fault-model build")
         cpu = CPUS[-1]
-        status, out, _ = run(["--json", "--timeout", "2", "-o", "count=1,test_mask=8"], binary=FAULTY,
+        status, out, _ = run(["--json", "--timeout", "3", "-o", "count=1,test_mask=8"], binary=FAULTY,
                              env={"TARNEL_FAULT": f"hang,{cpu},0,64"})
         v = record(out)
         self.assertEqual((status, v["verdict"], v["failed_cpus"]), (4, "hung", [cpu]))
         self.assertEqual([(f["cpu"], f["hung"], f["subtest"]) for f in v["failures"]], [(cpu, True, "Write/Read/Verify")])
-        status, out, _ = run(["-q", "--runs", "3", "--timeout", "2", "-o", "count=1,test_mask=8"], binary=FAULTY,
+        status, out, _ = run(["-q", "--runs", "3", "--timeout", "3", "-o", "count=1,test_mask=8"], binary=FAULTY,
                              env={"TARNEL_FAULT": f"hang,{cpu},0,64"})
         self.assertEqual(status, 4)
         self.assertIn(" RUN 1 HUNG in ", out)
@@ -433,7 +466,7 @@ class EndToEnd(unittest.TestCase):
             return
         other = CPUS[0]
         # cpu's packed records fail, other's worker hangs: the fault decides.
-        status, out, _ = run(["--json", "--timeout", "2", "-o", "count=1,test_mask=16"], binary=FAULTY,
+        status, out, _ = run(["--json", "--timeout", "3", "-o", "count=1,test_mask=16"], binary=FAULTY,
                              env={"TARNEL_FAULT": f"hang,{other},0,64;stuck1,{cpu},2,24,3"})
         v = record(out)
         self.assertEqual((status, v["verdict"]), (1, "fault"))
@@ -470,7 +503,7 @@ class EndToEnd(unittest.TestCase):
         self.assertLess(took, 5)
         # A run stopped past its own limit is ended from outside as hung.
         status, _, records = burn_in_with_run(lambda p, child: os.kill(child, signal.SIGSTOP) or time.monotonic(),
-                                              ["--timeout", "1"])
+                                              ["--timeout", "3"])
         self.assertEqual((status, records[-1]["verdict"], records[-1]["unfinished_runs"][0]["verdict"]),
                          (4, "hung", "hung"))
         status, _, records = burn_in_with_run(lambda p, child: os.kill(child, signal.SIGKILL) or time.monotonic())
