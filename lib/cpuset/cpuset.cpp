@@ -1,4 +1,5 @@
 #include "cpuset.h"
+#include "textfile.h"
 
 #include <pthread.h>
 #include <unistd.h>
@@ -110,13 +111,10 @@ bool parse_cpu_map(std::string_view text, std::vector<int> *ids)
 
 bool read_cpu_list(const std::string &path, std::vector<int> *ids)
 {
-    char text[1 << 16];
-    FILE *file = fopen(path.c_str(), "re");
-    if (file == nullptr)
+    std::string text;
+    if (!read_text_file(path, small_file_bytes, &text))
         return fail(ids);
-    size_t length = fread(text, 1, sizeof text, file);
-    fclose(file);
-    return parse_cpu_list({text, length}, ids);
+    return parse_cpu_list(text, ids);
 }
 
 void cpu_list_writer::add(int id)

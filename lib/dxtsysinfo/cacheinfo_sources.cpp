@@ -2,6 +2,8 @@
 // plausibility rule, and processor lists.
 #include "cacheinfo_sources.h"
 
+#include "textfile.h"
+
 #include <dirent.h>
 #include <unistd.h>
 
@@ -12,19 +14,10 @@
 #include <cstring>
 #include <string>
 
-// Sysfs files are small; a processor list of a large machine stays far
-// below this.
-constexpr size_t MAX_FILE_TEXT = 1 << 16;
-
 std::string read_line(const std::string &path)
 {
-    FILE *file = fopen(path.c_str(), "re");
-    if (file == nullptr)
-        return "";
-    std::string text(MAX_FILE_TEXT, '\0');
-    size_t length = fread(text.data(), 1, text.size(), file);
-    fclose(file);
-    text.resize(length);
+    std::string text;
+    read_text_file(path, small_file_bytes, &text);
     return text.substr(0, text.find_first_of("\r\n"));
 }
 

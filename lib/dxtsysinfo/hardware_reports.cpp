@@ -4,12 +4,14 @@
 #include <dirent.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <map>
 #include <sstream>
 
 #include "cacheinfo_sources.h"
+#include "textfile.h"
 
 namespace ras {
 
@@ -36,7 +38,10 @@ int64_t count_in(const std::string &path)
 // /proc/interrupts: a header of CPU<N> columns, then one line per source.
 std::string read_interrupts(const std::string &root, std::vector<processor_counts> *processors)
 {
-    std::ifstream file(root + "/proc/interrupts");
+    std::string text, why;
+    if (!read_text_file(root + "/proc/interrupts", table_file_bytes, &text, &why))
+        return why;
+    std::istringstream file(text);
     std::string header;
     if (!std::getline(file, header))
         return root + "/proc/interrupts cannot be read";
@@ -91,6 +96,12 @@ void read_edac(const std::string &root, snapshot *s)
 sqlite3 *open_database(const std::string &path, std::string *why)
 {
     sqlite3 *db = nullptr;
+    // A FIFO or a device would hold the open, or the reads, for ever.
+    std::string not_regular;
+    if (!is_regular_file(path, &not_regular)) {
+        *why = "rasdaemon's database " + not_regular;
+        return nullptr;
+    }
     if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
         *why = "rasdaemon's database " + path + " cannot be opened: " + (db ? sqlite3_errmsg(db) : "no memory");
         sqlite3_close(db);
@@ -122,27 +133,44 @@ machine_check classify(int64_t id, int cpu, int bank, int64_t status, bool amd, 
     return m;
 }
 
-std::vector<machine_check> records_since(const std::string &database, int64_t after, std::string *why)
+machine_checks_since records_since(const std::string &database, int64_t after, std::string *why)
 {
-    std::vector<machine_check> found;
+    machine_checks_since found;
     sqlite3 *db = open_database(database, why);
     if (db == nullptr)
         return found;
     // Columns by name: releases add theirs (ppin, microcode), and an
-    // upgraded database appends them.
+    // upgraded database appends them. Identical records are counted by the
+    // database itself, so a storm of them costs one row here.
     sqlite3_stmt *rows = nullptr;
-    const char *query = "SELECT id, cpu, bank, status, cpuvendor, bank_name, error_msg, mcastatus_msg "
-                        "FROM mce_record WHERE id > ? ORDER BY id";
+    const char *query = "SELECT min(id), cpu, bank, status, cpuvendor, substr(bank_name, 1, ?2), "
+                        "substr(error_msg, 1, ?2), substr(mcastatus_msg, 1, ?2), count(*) FROM mce_record "
+                        "WHERE id > ?1 GROUP BY cpu, bank, status, cpuvendor, 6, 7, 8 ORDER BY 1";
     if (sqlite3_prepare_v2(db, query, -1, &rows, nullptr) != SQLITE_OK) {
         *why = "rasdaemon's database " + database + " has no machine-check records: " + sqlite3_errmsg(db);
     } else {
         sqlite3_bind_int64(rows, 1, after);
+        sqlite3_bind_int(rows, 2, static_cast<int>(kept_text_bytes));
+        size_t kept[2] = {0, 0};  // kinds kept, uncorrected and corrected
         while (sqlite3_step(rows) == SQLITE_ROW) {
             int vendor = sqlite3_column_int(rows, 4);
-            found.push_back(classify(sqlite3_column_int64(rows, 0), sqlite3_column_int(rows, 1),
-                                     sqlite3_column_int(rows, 2), sqlite3_column_int64(rows, 3),
-                                     vendor == vendor_amd || vendor == vendor_hygon, column_text(rows, 5),
-                                     column_text(rows, 6), column_text(rows, 7)));
+            machine_check m = classify(sqlite3_column_int64(rows, 0), sqlite3_column_int(rows, 1),
+                                       sqlite3_column_int(rows, 2), sqlite3_column_int64(rows, 3),
+                                       vendor == vendor_amd || vendor == vendor_hygon, column_text(rows, 5),
+                                       column_text(rows, 6), column_text(rows, 7));
+            m.count = sqlite3_column_int64(rows, 8);
+            m.text.resize(std::min(m.text.size(), kept_text_bytes));
+            auto same = std::find_if(found.kinds.begin(), found.kinds.end(), [&](const machine_check &k) {
+                return k.cpu == m.cpu && k.bank == m.bank && k.corrected == m.corrected && k.text == m.text;
+            });
+            if (same != found.kinds.end())
+                same->count += m.count;
+            else if (kept[m.corrected] == kept_kinds)
+                found.not_itemised += m.count;
+            else {
+                kept[m.corrected]++;
+                found.kinds.push_back(m);
+            }
         }
     }
     sqlite3_finalize(rows);

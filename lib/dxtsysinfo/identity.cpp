@@ -5,13 +5,14 @@
 #include <sys/utsname.h>
 
 #include <cstdlib>
-#include <fstream>
+#include <sstream>
 #include <map>
 #include <mutex>
 #include <string>
 
 #include "cacheinfo_sources.h"
 #include "dxtsysinfo_ext.h"
+#include "textfile.h"
 
 namespace {
 
@@ -34,10 +35,22 @@ int number_or_unknown(const std::string &text, int base = 10)
     return text.empty() || *end != '\0' ? -1 : static_cast<int>(value);
 }
 
+// /proc/cpuinfo, read once per machine (it may be a recording of
+// megabytes); guarded by identity_lock.
+const std::string &cpuinfo_text()
+{
+    static std::string text, read_for = "\n";  // no root is "\n"
+    if (read_for != sysroot) {
+        read_text_file(sysroot + "/proc/cpuinfo", table_file_bytes, &text);
+        read_for = sysroot;
+    }
+    return text;
+}
+
 // One processor's block of /proc/cpuinfo, "key: value" by key.
 std::map<std::string, std::string> cpuinfo_of(int cpu)
 {
-    std::ifstream in(sysroot + "/proc/cpuinfo");
+    std::istringstream in(cpuinfo_text());
     std::map<std::string, std::string> block;
     bool mine = false;
     for (std::string line; std::getline(in, line);) {

@@ -739,8 +739,8 @@ void show_debug(std::string_view text)
 // What the verdict needs of the machine, read once the run is sure to start.
 void prepare_run()
 {
-    // From here on a read that never ends (a FIFO, a stuck file system) is
-    // the watchdog's too.
+    // From here on a read that never ends (a stuck file system) is the
+    // watchdog's too.
     if (int error = dxt::start_watchdog(started.tv_sec * 1000LL + started.tv_nsec / 1000000, timeout_ms, end_hung))
         show_message(DXT_RETURN, LVL_STEP_ERROR, "dxttest", MSG_FREE_TEXT,
                      std::string("the watchdog could not be started (") + strerror(error) +
@@ -1158,6 +1158,13 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
         failures_fd = atoi(fd);
         unsetenv(dxt::burn_in_failures_fd);
     }
+    // An interrupt while the machine is read ends the run with its record,
+    // as one later does (the waiting thread takes them over once the
+    // program asks for it).
+    note_ignored_interrupts();
+    for (int sig : {SIGINT, SIGTERM, SIGHUP})
+        if (!dxt::interrupt_ignored(sig))
+            install(sig, on_interrupt);
     prepare_run();
     return 0;
 }

@@ -98,7 +98,7 @@ void put_reports(text_buffer &out, const hardware_report *r)
             const ras::machine_check &o = r->machine_checks[j];
             if (o.cpu == m.cpu && o.corrected == m.corrected) {
                 first = first && j >= i;
-                count++;
+                count += o.count;
             }
         }
         if (first)

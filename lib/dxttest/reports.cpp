@@ -34,8 +34,11 @@ hardware_report compare_reports(const ras::snapshot &before, const ras::snapshot
         if (!why.empty() && std::find(r.unread.begin(), r.unread.end(), why) == r.unread.end())
             r.unread.push_back(why);
     std::string why = before.database_why.empty() ? "" : before.database_why;
-    if (why.empty())
-        r.machine_checks = ras::records_since(database, before.database_last_id, &why);
+    if (why.empty()) {
+        ras::machine_checks_since found = ras::records_since(database, before.database_last_id, &why);
+        r.machine_checks = std::move(found.kinds);
+        r.machine_checks_not_itemised = found.not_itemised;
+    }
     if (!why.empty())
         r.unread.push_back(why);
     return r;
@@ -47,10 +50,15 @@ std::vector<std::string> report_warnings(const hardware_report &r, std::span<con
     for (const ras::machine_check &m : r.machine_checks) {
         if (!m.corrected && tested_on(tested, m.cpu))
             continue;  // a failure, not a warning
-        said.push_back(std::string(m.corrected ? "corrected" : "uncorrected") + (m.l2_cache ? " L2 cache error" : " error") +
-                       " on cpu" + std::to_string(m.cpu) + ", bank " + std::to_string(m.bank) +
+        std::string kind = std::string(m.corrected ? "corrected" : "uncorrected") + (m.l2_cache ? " L2 cache error" : " error");
+        said.push_back((m.count == 1 ? kind : std::to_string(m.count) + " " + kind + "s") + " on cpu" +
+                       std::to_string(m.cpu) + ", bank " + std::to_string(m.bank) +
                        (tested_on(tested, m.cpu) ? "" : " (not tested)") + ": " + m.text);
     }
+    if (r.machine_checks_not_itemised > 0)
+        said.push_back(counted(r.machine_checks_not_itemised, "more machine-check record", "more machine-check records") +
+                       " of other kinds (only the first " + std::to_string(ras::kept_kinds) +
+                       " kinds of each severity are itemised)");
     for (const ras::processor_counts &p : r.grew) {
         std::string cpu = " on cpu" + std::to_string(p.cpu);
         if (p.mce > 0)
@@ -97,6 +105,7 @@ void put_report_json(text_buffer &out, const hardware_report &r)
         put(out, m.corrected ? ",\"corrected\":true" : ",\"corrected\":false");
         put(out, m.l2_cache ? ",\"l2_cache\":true" : ",\"l2_cache\":false");
         put_text_member(out, "text", m.text);
+        put_int_member(out, "count", m.count);
         put(out, "}");
     }
     put(out, "],\"hardware_counts\":{\"checked\":", r.checked ? "true" : "false", ",\"not_read\":[");
@@ -105,6 +114,7 @@ void put_report_json(text_buffer &out, const hardware_report &r)
         put_json_string(out, why);
     }
     put(out, "]");
+    put_int_member(out, "machine_checks_not_itemised", r.machine_checks_not_itemised);
     put_int_member(out, "edac_corrected", r.edac_corrected, r.edac_corrected >= 0);
     put_int_member(out, "edac_uncorrected", r.edac_uncorrected, r.edac_uncorrected >= 0);
     put(out, ",\"processors\":[");

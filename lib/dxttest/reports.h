@@ -20,7 +20,8 @@ struct hardware_report {
     bool checked = false;                      // read before and after
     std::vector<ras::processor_counts> grew;   // per processor, each count's growth (-1: not counted both times)
     int64_t edac_corrected = -1, edac_uncorrected = -1;  // growth; -1: no controller both times
-    std::vector<ras::machine_check> machine_checks;      // recorded meanwhile
+    std::vector<ras::machine_check> machine_checks;      // recorded meanwhile, by kind
+    int64_t machine_checks_not_itemised = 0;             // records of kinds beyond those kept
     std::vector<std::string> unread;           // why each source could not be read
     std::vector<std::string> conditions;       // the run's conditions (conditions.h), said with the warnings
 };

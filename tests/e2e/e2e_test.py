@@ -180,6 +180,19 @@ class EndToEnd(unittest.TestCase):
             if not os.path.exists(made):
                 self.skipTest("rasdaemon made no database here (no private mount namespace)")
             cpu, signed = CPUS[-1], lambda status: status - (1 << 64) if status >> 63 else status
+
+            def run_with_rows(db, rows):
+                with subprocess.Popen([BINARY, "--json", "--ras-db", db, "--metrics", db + ".prom", "-o",
+                                       "count=1,test_mask=8"], stdout=subprocess.PIPE, text=True) as p:
+                    out = p.stdout.readline()  # the run has read the database
+                    with sqlite3.connect(db) as c:
+                        c.executemany("INSERT INTO mce_record (timestamp, status, walltime, cpu, bank, cpuvendor, "
+                                      "bank_name, error_msg, mcastatus_msg) VALUES (datetime(), ?, 0, ?, ?, ?, ?, ?, ?)",
+                                      [(signed(status), row_cpu, bank, vendor, bank_name, message, message)
+                                       for row_cpu, bank, vendor, status, bank_name, message in rows])
+                    out += p.communicate(timeout=60)[0]
+                    return p.returncode, out
+
             intel_l2 = (cpu, 6, 0, 0x9000000000000116, "", "Data CACHE Level-2 Data-Read Error")
             amd_l2 = (cpu, 2, 2, 0x9000000000000135, "L2 Cache (bank=2)", "Corrected error, no action required.")
             uncorrected = (cpu, 4, 0, 0xB200000000000116, "", "Data CACHE Level-2 Data-Read Error")
@@ -194,18 +207,9 @@ class EndToEnd(unittest.TestCase):
                     c.execute("INSERT INTO mce_record (timestamp, status, cpu, bank, cpuvendor, bank_name, error_msg, "
                               "mcastatus_msg) VALUES ('before', 0, 0, 0, 0, '', 'before the run', '')")
 
-                with subprocess.Popen([BINARY, "--json", "--ras-db", db, "--metrics", db + ".prom", "-o",
-                                       "count=1,test_mask=8"],
-                                      stdout=subprocess.PIPE, text=True) as p:
-                    out = p.stdout.readline()  # the run has read the database
-                    with sqlite3.connect(db) as c:
-                        for row_cpu, bank, vendor, status, bank_name, message in rows:
-                            c.execute("INSERT INTO mce_record (timestamp, status, walltime, cpu, bank, cpuvendor, "
-                                      "bank_name, error_msg, mcastatus_msg) VALUES (datetime(), ?, 0, ?, ?, ?, ?, ?, ?)",
-                                      (signed(status), row_cpu, bank, vendor, bank_name, message, message))
-                    out += p.communicate(timeout=60)[0]
+                status, out = run_with_rows(db, rows)
                 v = record(out)
-                self.assertEqual((p.returncode, len(v["machine_checks"])), (want, len(rows)), out)
+                self.assertEqual((status, len(v["machine_checks"])), (want, len(rows)), out)
                 # The metrics count them by processor and severity.
                 counted = [(cpu, "corrected", 2)] + [(cpu, "uncorrected", 1), (4095, "uncorrected", 1)] * want
                 self.assertIn("".join(f'tarneltest_last_run_machine_checks{{cpu="{c}",severity="{s}"}} {n}\n'
@@ -219,6 +223,18 @@ class EndToEnd(unittest.TestCase):
                                      [(cpu, "Data CACHE Level-2 Data-Read Error")])
                     self.assertIn("uncorrected L2 cache error on cpu4095, bank 6 (not tested): Data CACHE Level-2 "
                                   "Data-Read Error", v["warnings"])
+            # A storm, 200,000 records of one kind and 40 of others: told by
+            # kind with counts, in a line journald keeps whole (LineMax 48K).
+            shutil.copy(made, os.path.join(tmp, "storm.db"))
+            others = [(cpu, 7, 0, 0x9000000000000116, "", f"kind {k}") for k in range(40)]
+            status, out = run_with_rows(os.path.join(tmp, "storm.db"), [intel_l2] * 200000 + others)
+            v = record(out)
+            self.assertLess(len(out.splitlines()[-1]), 48 * 1024)
+            self.assertEqual((status, len(v["machine_checks"]), v["machine_checks"][0]["count"]), (0, 32, 200000))
+            self.assertIn(f"200000 corrected L2 cache errors on cpu{cpu}, bank 6: Data CACHE Level-2 Data-Read Error",
+                          v["warnings"])
+            self.assertIn("9 more machine-check records of other kinds (only the first 32 kinds of each severity are "
+                          "itemised)", v["warnings"])
 
     def test_run_conditions_are_warnings(self):
         """Buffers not locked (an unprivileged user under ulimit -l 0), CPU

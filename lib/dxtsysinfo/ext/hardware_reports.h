@@ -35,21 +35,37 @@ struct snapshot {
     int64_t database_last_id = 0;              // the newest machine-check record's id
 };
 
-// One machine-check record of rasdaemon's.
+// One kind of rasdaemon's machine-check records: those of one processor
+// and bank that read the same, with how many there were.
 struct machine_check {
-    int64_t id;
+    int64_t id;      // the first record's
     int cpu;
     int bank;
     bool corrected;  // VAL set, UC clear (and on AMD not deferred)
     bool l2_cache;   // the status word's level, or the AMD unit's name, says L2
     std::string text;
+    int64_t count = 1;
+};
+
+// An error storm is told by kind, not record by record: at most this many
+// kinds of each severity, the first to arrive, and the text of each cut to
+// this many bytes, so the run's record stays a line any collector keeps.
+constexpr size_t kept_kinds = 32;
+constexpr size_t kept_text_bytes = 240;
+
+// The kinds recorded after a given id, and how many records fell outside
+// the kinds kept.
+struct machine_checks_since {
+    std::vector<machine_check> kinds;
+    int64_t not_itemised = 0;
 };
 
 // Everything under root ("" for this machine) and the database at path
 // ("" for none).
 snapshot read_snapshot(const std::string &root, const std::string &database);
-// The records the database gained after the id `after`; why not, in *why.
-std::vector<machine_check> records_since(const std::string &database, int64_t after, std::string *why);
+// The records the database gained after the id `after`, by kind; why not,
+// in *why.
+machine_checks_since records_since(const std::string &database, int64_t after, std::string *why);
 
 // How to read one record, from its columns as rasdaemon writes them.
 machine_check classify(int64_t id, int cpu, int bank, int64_t status, bool amd, const std::string &bank_name,
