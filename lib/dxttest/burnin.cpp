@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -27,6 +28,7 @@
 #include "dxtsysinfo_ext.h"
 #include "metrics.h"
 #include "reports.h"
+#include "testinfo.h"
 #include "verdict.h"
 
 namespace dxt {
@@ -136,8 +138,13 @@ run_outcome watch_run(const burn_in_request &request, const std::vector<std::str
         argv.push_back(const_cast<char *>(arg.c_str()));
     argv.push_back(nullptr);
     std::string failures_fd = std::to_string(failures[1]);
+    pid_t parent = getpid();
     pid_t pid = fork();
     if (pid == 0) {
+        // A burn-in killed outright (SIGKILL) takes its run with it.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent)
+            _exit(exit_could_not_test);
         dup2(out[1], STDOUT_FILENO);
         if (!pass_output)
             dup2(out[1], STDERR_FILENO);
@@ -316,7 +323,7 @@ void burn_in(const burn_in_request &request)
 
     // Without a limit it is a single run, retested when it finds a fault.
     bool single = request.seconds == 0 && request.runs == 0;
-    long long start = monotonic_ms();
+    long long start = monotonic_ms(), start_time = time(nullptr);
     progress_line progress{progress_wanted(request.display) && !single, 0, single ? 1 : request.runs,
                            request.seconds > 0 ? start + 1000 * request.seconds : 0};
     long long passed = 0, found = 0;
@@ -341,6 +348,17 @@ void burn_in(const burn_in_request &request)
             progress.clear();
             say_unfinished(request, number, outcome);
             unfinished.push_back({progress.run, outcome.status, outcome.how});
+        }
+        if (last == exit_hung && outcome.how.empty()) {
+            // Its own watchdog ended it: where it hung, from its failures.
+            std::vector<failed_run> where;
+            note_failures(outcome.failures, progress.run, where);
+            std::string how = "hung";
+            for (const failed_run &w : where)
+                if (w.cpu >= 0)
+                    how += (how == "hung" ? " on cpu" : ", cpu") + std::to_string(w.cpu) +
+                           (w.subtest.empty() ? "" : " in " + w.subtest);
+            unfinished.push_back({progress.run, exit_hung, how});
         }
         if (last == exit_fault_found) {
             found++;
@@ -379,8 +397,12 @@ void burn_in(const burn_in_request &request)
                                          : exit_passed;
     long long runs = progress.run, elapsed = monotonic_ms() - start;
     std::vector<std::pair<int, long long>> counted(runs_by_status.begin(), runs_by_status.end());
-    burn_in_record record{time(nullptr), status, elapsed, "", runs, passed, found, failed, &reports,
-                          request.host, unfinished, retests, counted};
+    machine_description machine = describe_machine();
+    std::vector<processor_entry> processors = describe_processors(machine);
+    machine_entry host = describe_host(start_time, request.host);
+    burn_in_record record{time(nullptr), status,  elapsed,    "",      runs,    passed,   found,
+                          failed,        &reports, request.host, unfinished, retests, counted, request.subopts,
+                          dxt_test_version, TARNEL_BUILD, processors, &host};
     // A pass that cannot reach the monitoring is no pass.
     int metrics_error = write_burn_in_metrics(request, record);
     bool metrics_lost = metrics_error != 0 && status == exit_passed;

@@ -695,13 +695,20 @@ size_t burn_in_room(const burn_in_record &r)
         names += 160 + 6 * u.how.size();
     for (const retest_result &t : r.retests)
         names += 320 + 6 * t.subtest.size();
-    return 4096 + 6 * (r.text.size() + r.host.size()) + 2 * names + (r.reports != nullptr ? report_room(*r.reports) : 0);
+    size_t identity = 0;
+    for (const processor_entry &p : r.processors)
+        identity += 1024 + 6 * ((p.known ? strlen(p.id.model) + strlen(p.id.smt_siblings) : 0) + strlen(p.l2.shared_cpus));
+    return 4096 + 6 * (r.text.size() + r.host.size() + r.options.size() + r.version.size() + r.build.size()) +
+           2 * names + identity + (r.reports != nullptr ? report_room(*r.reports) : 0);
 }
 
 void put_burn_in_record(text_buffer &out, const burn_in_record &r)
 {
     put_record_head(out, r.time, r.host, r.exit_status);
     put_text_member(out, "text", r.text);
+    put_text_member(out, "options", r.options);
+    put_text_member(out, "version", r.version);
+    put_text_member(out, "build", r.build);
     put_int_member(out, "runs", r.runs);
     put_int_member(out, "runs_passed", r.runs_passed);
     put_int_member(out, "runs_failed", r.runs_failed);
@@ -736,6 +743,8 @@ void put_burn_in_record(text_buffer &out, const burn_in_record &r)
         }
         put(out, "]");
     }
+    if (r.host_identity != nullptr)
+        put_identity_json(out, r.processors, *r.host_identity);
     put(out, "}\n");
 }
 

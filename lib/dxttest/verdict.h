@@ -215,6 +215,13 @@ struct burn_in_record {
     std::span<const unfinished_run> unfinished = {};
     std::span<const retest_result> retests = {};
     std::span<const std::pair<int, long long>> runs_by_status = {};  // how many runs ended with each exit status
+    // What a single run's record says of what ran where, so that the
+    // burn-in's record stands alone.
+    std::string_view options = {};
+    std::string_view version = {};
+    std::string_view build = {};
+    std::span<const processor_entry> processors = {};
+    const machine_entry *host_identity = nullptr;
 };
 size_t burn_in_room(const burn_in_record &record);
 void put_burn_in_record(text_buffer &out, const burn_in_record &record);

@@ -121,7 +121,8 @@ class EndToEnd(unittest.TestCase):
             if "$ROOM" in command and room is None:
                 room = least_room()
             with self.subTest(command=command), tempfile.TemporaryDirectory() as tmp:
-                env = dict(os.environ, T=BINARY, F=FAULTY or "", D=tmp, ROOM=str(room))
+                env = dict(os.environ, T=BINARY, F=FAULTY or "", D=tmp, ROOM=str(room), C=str(CPUS[-1]),
+                           M=os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "sysinfo", "machines"))
                 done = subprocess.run(["sh", "-c", command], capture_output=True, text=True, env=env, timeout=60)
                 self.assertEqual(done.returncode, int(want), done.stdout + done.stderr)
                 self.assertRegex(done.stdout, out_re or "^")
@@ -409,9 +410,10 @@ class EndToEnd(unittest.TestCase):
         v = records[-1]
         self.assertEqual((status, v["verdict"], v["runs"], v["runs_passed"]), (0, "pass", 3, 3))
         self.assertLess(v["elapsed_seconds"], 5 + 2.5)
-        self.assertEqual(set(v), {"time", "host", "schema_version", "verdict", "exit_status", "text", "runs",
-                                  "runs_passed", "runs_failed", "failed_runs", "unfinished_runs", "retests",
-                                  "elapsed_seconds", "machine_checks", "hardware_counts", "warnings"})
+        self.assertEqual(set(v), {"time", "host", "schema_version", "verdict", "exit_status", "text", "options",
+                                  "version", "build", "runs", "runs_passed", "runs_failed", "failed_runs",
+                                  "unfinished_runs", "retests", "elapsed_seconds", "machine_checks",
+                                  "hardware_counts", "warnings", "processors", "machine"})
 
     def test_sigint_ends_a_burn_in_with_130_and_its_record(self):
         start = time.monotonic()
