@@ -133,11 +133,14 @@ run_outcome watch_run(const burn_in_request &request, const std::vector<std::str
         close(out[1]);
         return {exit_could_not_test, "", "could not start: no pipe"};
     }
+    // The failures' pipe is named on the run's command line, never in an
+    // environment a user's shell could also set.
+    std::vector<std::string> run_args = args;
+    run_args.insert(run_args.begin() + 1, {"--failures-fd", std::to_string(failures[1])});
     std::vector<char *> argv;
-    for (const std::string &arg : args)
+    for (const std::string &arg : run_args)
         argv.push_back(const_cast<char *>(arg.c_str()));
     argv.push_back(nullptr);
-    std::string failures_fd = std::to_string(failures[1]);
     pid_t parent = getpid();
     pid_t pid = fork();
     if (pid == 0) {
@@ -149,7 +152,6 @@ run_outcome watch_run(const burn_in_request &request, const std::vector<std::str
         if (!pass_output)
             dup2(out[1], STDERR_FILENO);
         fcntl(failures[1], F_SETFD, 0);
-        setenv(burn_in_failures_fd, failures_fd.c_str(), 1);
         if (cpu >= 0 && bind_thread(cpu) != 0)
             _exit(exit_could_not_test);
         execv("/proc/self/exe", argv.data());

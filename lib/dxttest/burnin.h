@@ -17,10 +17,6 @@
 
 namespace dxt {
 
-// A run started by a burn-in also writes each failure of its verdict, one
-// line each (put_failure_brief), to the descriptor this variable names.
-constexpr char burn_in_failures_fd[] = "TARNEL_BURN_IN_FAILURES_FD";
-
 struct burn_in_request {
     long long seconds = 0;  // no run starts after this; 0: no time limit
     long long runs = 0;     // 0: no run limit

@@ -25,6 +25,7 @@ enum long_only_option {
     opt_sysroot,
     opt_ras_db,
     opt_metrics,
+    opt_failures_fd,
 };
 
 const option long_options[] = {
@@ -44,6 +45,9 @@ const option long_options[] = {
     {"sysroot", required_argument, nullptr, opt_sysroot},
     {"ras-db", required_argument, nullptr, opt_ras_db},
     {"metrics", required_argument, nullptr, opt_metrics},
+    // A burn-in's own word to its runs, never a person's (so not in the
+    // usage): the pipe that takes each failure of the run's verdict.
+    {"failures-fd", required_argument, nullptr, opt_failures_fd},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -173,6 +177,9 @@ command_line parse_command_line(int argc, char **argv)
                 result.error = std::string("--metrics needs a file name, not '") + optarg + "'";
                 return result;
             }
+            break;
+        case opt_failures_fd:
+            result.failures_fd = static_cast<int>(positive_amount(optarg, false, 1 << 20));
             break;
         case ':':
             result.action = command_action::error;

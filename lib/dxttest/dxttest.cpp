@@ -13,6 +13,7 @@
 #include <sched.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -30,6 +31,7 @@
 
 #include "allocations.h"
 #include "burnin.h"
+#include "textfile.h"
 #include "dxttest_internal.h"
 #include "testinfo.h"
 #include "platform_ext.h"
@@ -682,8 +684,11 @@ void show_usage(int (*usage)(void))
 
 [[noreturn]] void refuse(const char *program, const std::string &what, int (*usage)(void))
 {
-    std::string text = std::string(program) + ": " + what + "\n";
-    dxt::write_all(STDERR_FILENO, text.data(), text.size());
+    dxt::line_buffer text;
+    dxt::put(text, program, ": ");
+    dxt::put_visible(text, what);
+    dxt::put(text, "\n");
+    dxt::write_all(STDERR_FILENO, text.data, text.length);
     // The usage goes where the error went; the verdict (the record, with
     // --json) to standard output. Nothing was tested: it says only what was
     // wrong, and the -o text as given.
@@ -699,7 +704,14 @@ void show_usage(int (*usage)(void))
 {
     dxt::machine_description m = dxt::describe_machine();
     std::vector<dxt::processor_entry> all = dxt::describe_processors(m);
-    dxt::machine_entry host = dxt::describe_host(now_seconds(), host_name);
+    // A recording names its own host, or none.
+    std::string recorded_host;
+    if (*dxt_tlib_sysroot() != '\0') {
+        read_text_file(std::string(dxt_tlib_sysroot()) + "/proc/sys/kernel/hostname", small_file_bytes, &recorded_host);
+        recorded_host = recorded_host.substr(0, recorded_host.find('\n'));
+    }
+    dxt::machine_entry host =
+        dxt::describe_host(now_seconds(), *dxt_tlib_sysroot() != '\0' ? std::string_view(recorded_host) : host_name);
     std::vector<char> storage(4096 + all.size() * 1536);
     dxt::text_buffer out{storage.data(), storage.size()};
     if (display.json) {
@@ -1138,6 +1150,9 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
         break;
     }
 
+    if (!line.sysroot.empty())
+        if (std::string problem = dxt::recorded_machine_problem(line.sysroot); !problem.empty())
+            refuse(program, problem, usage);
     if (line.describe)
         describe();
     if (std::string oversized = dxt::oversized_mask(line.subopts); !oversized.empty())
@@ -1154,10 +1169,9 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
     // from a process of their own.
     if (line.burn_in_seconds > 0 || line.burn_in_runs > 0 || line.retests > 0)
         start_burn_in(argc > 0 ? argv[0] : program, line);
-    if (const char *fd = getenv(dxt::burn_in_failures_fd)) {
-        failures_fd = atoi(fd);
-        unsetenv(dxt::burn_in_failures_fd);
-    }
+    struct stat failures_pipe;
+    if (line.failures_fd > 0 && fstat(line.failures_fd, &failures_pipe) == 0 && S_ISFIFO(failures_pipe.st_mode))
+        failures_fd = line.failures_fd;
     // An interrupt while the machine is read ends the run with its record,
     // as one later does (the waiting thread takes them over once the
     // program asks for it).

@@ -85,6 +85,9 @@ void put(text_buffer &line, const Pieces &...pieces)
     (put_piece(line, pieces), ...);
 }
 void put_hex(text_buffer &line, unsigned long long value);  // 0x..., lower case
+// Text for a terminal: a control character (an escape sequence in a
+// recorded model name or a -o text) shown as \x1b, never sent as itself.
+void put_visible(text_buffer &line, std::string_view s);
 void put_utc_time(text_buffer &line, long long seconds_since_epoch);  // 2026-11-23T05:40:18Z
 void put_json_string(text_buffer &line, std::string_view text);      // quoted, escaped
 void put_elapsed(text_buffer &line, long long milliseconds);         // "3.2 s"
@@ -197,6 +200,7 @@ struct command_line {
     std::string sysroot;    // a recorded machine to read instead of this one
     std::string ras_database;  // rasdaemon's database, if not where its service keeps it
     std::string metrics;       // where the result goes for Prometheus; "": nowhere
+    int failures_fd = 0;       // a burn-in's run: the pipe its failures also go to; 0: none
 };
 // Parses with getopt_long (resetting its state first); argv is not changed.
 command_line parse_command_line(int argc, char **argv);

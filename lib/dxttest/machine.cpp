@@ -1,6 +1,7 @@
 // What the harness asks the platform and the information library about the
 // machine before a run: which processors the run tests, which it leaves
 // out and why, and each tested processor's L2 as its worker will take it.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include "testinfo.h"
 #include "platform.h"
 #include "platform_ext.h"
+#include "textfile.h"
 #include "verdict.h"
 
 namespace dxt {
@@ -29,6 +31,37 @@ void scan_configured(machine_description &m)
 }
 
 }  // namespace
+
+namespace {
+
+// A processor list of the recording: "" when it parses, else what is wrong.
+std::string list_problem(const std::string &path)
+{
+    std::string text;
+    std::vector<int> ids;
+    if (!read_text_file(path, small_file_bytes, &text))
+        return path + " is missing or not a regular file";
+    if (!parse_cpu_list(text, &ids))
+        return path + " is not a processor list: '" + text.substr(0, text.find('\n')).substr(0, 80) + "'";
+    return "";
+}
+
+}  // namespace
+
+std::string recorded_machine_problem(const std::string &root)
+{
+    std::string cpu_dir = root + "/sys/devices/system/cpu";
+    struct stat status;
+    if (stat(root.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+        return "--sysroot " + root + " is not a directory";
+    if (stat(cpu_dir.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+        return "--sysroot " + root + " holds no recorded machine: " + cpu_dir + " is missing";
+    std::string present = list_problem(cpu_dir + "/present");
+    if (!present.empty() && !list_problem(cpu_dir + "/possible").empty())
+        return "--sysroot " + root + " lists no processors: " + present;
+    std::string online = list_problem(cpu_dir + "/online");
+    return online.empty() ? "" : "--sysroot " + root + " lists no online processors: " + online;
+}
 
 namespace {
 

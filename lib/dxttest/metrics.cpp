@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace dxt {
@@ -190,12 +191,23 @@ metrics_file metrics_file_at(const std::string &path)
 int write_metrics_file(const metrics_file &file, const text_buffer &text, const char *program)
 {
     int error = 0;
-    int fd = open(file.temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // Made new, never opened through what is there: a link planted at the
+    // name (the directory may be writable by others) would have root write
+    // wherever it points. What is there is removed, once, and the name made
+    // again.
+    constexpr int made_new = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    int fd = open(file.temporary.c_str(), made_new, 0644);
+    if (fd < 0 && errno == EEXIST && unlink(file.temporary.c_str()) == 0)
+        fd = open(file.temporary.c_str(), made_new, 0644);
     if (fd < 0) {
         error = errno;
     } else {
-        error = write_all(fd, text.data, text.length);
-        // A full disk may only show at close.
+        // node_exporter reads it as another user, whatever the umask.
+        error = fchmod(fd, 0644) == 0 ? write_all(fd, text.data, text.length) : errno;
+        // On the disk before it takes the name; a full disk may only show
+        // here or at close.
+        if (error == 0 && fsync(fd) != 0)
+            error = errno;
         if (close(fd) != 0 && error == 0)
             error = errno;
         if (error == 0 && rename(file.temporary.c_str(), file.path.c_str()) != 0)

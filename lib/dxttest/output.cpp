@@ -104,6 +104,21 @@ void put(text_buffer &line, std::string_view s)
         put_char(line, c);
 }
 
+void put_visible(text_buffer &line, std::string_view s)
+{
+    constexpr char hex[] = "0123456789abcdef";
+    for (char c : s) {
+        auto u = static_cast<unsigned char>(c);
+        if ((u < 0x20 && c != '\t') || u == 0x7f) {
+            put(line, "\\x");
+            put_char(line, hex[u >> 4]);
+            put_char(line, hex[u & 15]);
+        } else {
+            put_char(line, c);
+        }
+    }
+}
+
 const char *error_text(int error)
 {
     const char *why = strerrordesc_np(error);
@@ -352,10 +367,11 @@ void put_message_line(text_buffer &line, const message_fields &m, bool json)
     put(line, " #", m.number);
     put_char(line, ' ');
     if (text_room_left(line, m.text.size())) {
-        put(line, m.text);
+        put_visible(line, m.text);
     } else {
         size_t room = line.capacity - line.length - cut_mark.size() - closing_room;
-        put(line, m.text.substr(0, room), cut_mark);
+        put_visible(line, m.text.substr(0, room));
+        put(line, cut_mark);
     }
     put_char(line, '\n');
 }
@@ -363,7 +379,8 @@ void put_message_line(text_buffer &line, const message_fields &m, bool json)
 void put_verdict_line(text_buffer &line, const verdict_fields &v)
 {
     put_utc_time(line, v.time);
-    put(line, " VERDICT ", v.verdict, ": ", v.text.substr(0, text_capacity));
+    put(line, " VERDICT ", v.verdict, ": ");
+    put_visible(line, v.text.substr(0, text_capacity));
     put_char(line, '\n');
 }
 

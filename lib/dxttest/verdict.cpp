@@ -134,7 +134,9 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
     start_summary_line(out, r.time);
     if (!r.version.empty())
         put(out, "version ", r.version, ", build ", r.build, ", ");
-    put(out, "sub-options \"", r.options, "\"\n");
+    put(out, "sub-options \"");
+    put_visible(out, r.options);
+    put(out, "\"\n");
 
     start_summary_line(out, r.time);
     put(out, "processors tested: ");
@@ -401,7 +403,8 @@ void put_describe_text(text_buffer &out, std::span<const processor_entry> proces
         if (p.known) {
             put(out, "package ", p.id.package, ", die ", p.id.die, ", core ", p.id.core, ", SMT siblings ");
             put_siblings(out, p.id.smt_siblings, p.cpu);
-            put(out, "; ", *p.id.model != '\0' ? p.id.model : "model unknown");
+            put(out, "; ");
+            put_visible(out, *p.id.model != '\0' ? p.id.model : "model unknown");
             put(out, " (family ", p.id.family, ", model ", p.id.model_number, ", stepping ", p.id.stepping, "), microcode ");
             if (p.id.microcode >= 0)
                 put_hex(out, static_cast<unsigned long long>(p.id.microcode));

@@ -160,6 +160,10 @@ void put_verdict_block(text_buffer &out, const verdict_record &record, bool quie
 // allowed processors) and the information library (the sharers of each
 // tested processor's L2).
 machine_description describe_machine();
+// Why a recorded machine (--sysroot DIR) cannot be described: no such
+// directory, no processor directory, or processor lists that are missing
+// or do not parse; "" when it can.
+std::string recorded_machine_problem(const std::string &root);
 
 // A pass in words, with what it covered: "tarneltest passed on 1 of 2
 // processors in 2.0 s; left out: cpu0 (outside the allowed CPU set)".
