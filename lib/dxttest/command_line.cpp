@@ -93,7 +93,12 @@ command_line parse_command_line(int argc, char **argv)
     optind = 0;
     opterr = 0;
     int c;
+    // The first option given that only a run takes, for --describe to refuse.
+    std::string run_option;
     while ((c = getopt_long(argc, argv, "+:o:vqdh", long_options, nullptr)) != -1) {
+        if (run_option.empty() && (c == 'o' || c == opt_duration || c == opt_runs || c == opt_keep_going ||
+                                   c == opt_timeout || c == opt_retest || c == opt_ras_db))
+            run_option = argv[optind - 1][1] == '-' ? argv[optind - 1] : "-o";
         switch (c) {
         case 'o':
             if (result.subopts_given)
@@ -169,6 +174,11 @@ command_line parse_command_line(int argc, char **argv)
             break;
         case opt_ras_db:
             result.ras_database = optarg;
+            if (result.ras_database.empty()) {
+                result.action = command_action::error;
+                result.error = "--ras-db needs the database's path, not ''";
+                return result;
+            }
             break;
         case opt_metrics:
             result.metrics = optarg;
@@ -222,6 +232,11 @@ command_line parse_command_line(int argc, char **argv)
     if (!result.metrics.empty() && result.describe) {
         result.action = command_action::error;
         result.error = "--metrics records a run's result: --describe runs nothing";
+        return result;
+    }
+    if (!run_option.empty() && result.describe) {
+        result.action = command_action::error;
+        result.error = run_option.substr(0, run_option.find('=')) + " belongs to a run: --describe runs nothing";
         return result;
     }
     if (help)

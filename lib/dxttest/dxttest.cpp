@@ -1165,6 +1165,15 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
                        dxt::silently_refused(line.subopts),
                    usage);
     }
+    // node_exporter's textfile collector reads *.prom alone; a burn-in's
+    // runs leave it to the burn-in.
+    if (!line.metrics.empty() && !line.metrics.ends_with(".prom") && line.failures_fd == 0) {
+        dxt::line_buffer note;
+        dxt::put(note, program, ": warning: node_exporter's textfile collector reads only files ending in .prom, and ");
+        dxt::put_visible(note, line.metrics);
+        dxt::put(note, " does not\n");
+        dxt::write_all(STDERR_FILENO, note.data, note.length);
+    }
     // A burn-in, and a run whose fault is to be retested, watch their runs
     // from a process of their own.
     if (line.burn_in_seconds > 0 || line.burn_in_runs > 0 || line.retests > 0)

@@ -21,7 +21,7 @@
 namespace dxt {
 
 // The record's layout; raised when a key changes meaning or goes away.
-constexpr int verdict_schema_version = 2;
+constexpr int verdict_schema_version = 3;
 
 // One tested processor's L2 as its worker takes it, with where each value
 // came from ("sysfs", "CPUID leaf 4", ..., "sysconf", "defaults").
