@@ -436,16 +436,13 @@ dxt::subtest_set subtests_of(const worker_progress *p, bool main_thread, bool st
     return dxt::possible_subtests(test_mask, p->last_started.load(), p->ended.load(), status_known, status, running);
 }
 
-// The verdict's words when the only thing that stopped the test was memory.
-constexpr const char no_memory_reason[] = "the test could not get the memory it needed";
-
 // Where the calling thread failed: its binding and its subtest.
 dxt::failure_site own_failure(int number)
 {
     dxt::failure_site site;
     site.cpu = worker_processor() >= 0 ? worker_processor() : platform_bound_processor();
     site.message = number;
-    site.no_memory = number == MSG_WRRDVR_NO_MEMORY || number == MSG_NO_MEMORY;
+    site.no_memory = dxt::lacks_memory(number);
     int named = dxt::subtest_ending_with(number);
     if (named >= 0) {
         site.subtests.index[site.subtests.count++] = named;
@@ -468,7 +465,7 @@ std::vector<dxt::failure_site> failed_workers(bool none_is_unknown = true)
         site.message = MSG_WORKERS_FAILED;
         site.status_known = true;
         site.status = t.status;
-        site.no_memory = t.status == ENOMEM;
+        site.no_memory = dxt::lacks_memory_status(t.status);
         site.subtests = subtests_of(progress_of(t.tid), false, true, t.status);
         sites.push_back(site);
     }
@@ -620,15 +617,11 @@ struct run_end {
 
 [[noreturn]] void end_run(const dxt::message_fields &m)
 {
-    int status = dxt::exit_status_of(m.number, m.exit_flag);
     std::vector<dxt::failure_site> failures =
         m.number == MSG_WORKERS_FAILED ? failed_workers() : std::vector<dxt::failure_site>{own_failure(m.number)};
     // Workers that could not get their memory found nothing wrong.
-    if (std::none_of(failures.begin(), failures.end(), dxt::is_fault)) {
-        status = dxt::exit_could_not_test;
-        finish({m.time, status, no_memory_reason, failures, m.main_thread ? -1 : m.cpu, &m});
-    }
-    finish({m.time, status, dxt::verdict_reason(status), failures, m.main_thread ? -1 : m.cpu, &m});
+    dxt::run_ending ending = dxt::ending_of(dxt::exit_status_of(m.number, m.exit_flag), failures);
+    finish({m.time, ending.status, ending.reason, failures, m.main_thread ? -1 : m.cpu, &m});
 }
 
 // The watchdog found the run hung: every hung worker with the subtests it
@@ -989,7 +982,7 @@ void end_passing_run()
         finish({now_seconds(), dxt::exit_could_not_test, view(reason)});
     }
     if (skipped_count.load() > 0)
-        finish({now_seconds(), dxt::exit_could_not_test, no_memory_reason, skipped_so_far()});
+        finish({now_seconds(), dxt::exit_could_not_test, dxt::no_memory_reason, skipped_so_far()});
     if ((test_mask & dxt::subtest_bits()) == 0) {
         dxt::put(reason, "test_mask ", test_mask, " selects no subtest: nothing was tested");
         finish({now_seconds(), dxt::exit_could_not_test, view(reason)});

@@ -5,6 +5,7 @@
 // handler assembles.
 #include "verdict.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -450,6 +451,19 @@ l2_geometry announced_l2(int cpu, uint32_t size, uint32_t line, const char *shar
         break;
     }
     return g;
+}
+
+const char no_memory_reason[] = "the test could not get the memory it needed";
+
+bool lacks_memory(int number) { return number == MSG_WRRDVR_NO_MEMORY || number == MSG_NO_MEMORY; }
+
+bool lacks_memory_status(intptr_t status) { return status == no_memory_status; }
+
+run_ending ending_of(int status, std::span<const failure_site> failures)
+{
+    if (!failures.empty() && std::none_of(failures.begin(), failures.end(), is_fault))
+        return {exit_could_not_test, no_memory_reason};
+    return {status, verdict_reason(status)};
 }
 
 bool names_new_cpu(std::span<const failure_site> failures, size_t i)

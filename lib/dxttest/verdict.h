@@ -122,6 +122,22 @@ struct failure_site {
 // machine check) rather than work that could not be done.
 inline bool is_fault(const failure_site &f) { return !f.no_memory; }
 
+// Whether a message that ends the run (4001, 4002), or a worker's exit
+// status (12), says a subtest could not get its memory.
+bool lacks_memory(int number);
+bool lacks_memory_status(intptr_t status);
+
+// How a run ends that a message with exit status `status` ends with these
+// failures: could-not-test, for want of memory, when none is a fault;
+// else as the message says.
+struct run_ending {
+    int status;
+    const char *reason;
+};
+run_ending ending_of(int status, std::span<const failure_site> failures);
+// The words of a run that could not get the memory it needed.
+extern const char no_memory_reason[];
+
 // Whether the run meant to test the processor but did not.
 bool was_lost(std::span<const left_out_processor> lost, int cpu);
 

@@ -9,14 +9,18 @@
 
 #include <map>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "burnin.h"
 #include "dxttest_internal.h"
 #include "verdict.h"
 #include "watchdog.h"
 #include "harness/testinfo.h"
 #include "message_args.h"
+#include "reports.h"
+#include "table.h"
 
 // What the program defines for the harness to read.
 const char dxt_test_version[] = "9.9 2026/01/02 (harness test)";
@@ -121,6 +125,66 @@ TEST(Attribution, AMarchThatEndedBeforeItsMiscompare)
     // A hung worker may still be in a subtest that says no end.
     EXPECT_EQ(names(dxt::possible_subtests(8 | 16, 0, false, false, 0, true)),
               (v{"Write/Read/Verify", "Cache Hit Stress"}));
+}
+
+// One decision of the table: its status, word, name and text ("-" where
+// it makes none).
+std::vector<std::string> decide(const std::string &kind, const std::string &input)
+{
+    std::istringstream words(input);
+    std::string first;
+    long long n = 0;
+    words >> first >> n;
+    dxt::line_buffer text;
+    auto verdict = [&](int status, std::string_view said) {
+        return std::vector<std::string>{std::to_string(status), dxt::verdict_word(status), dxt::verdict_name(status),
+                                        std::string(said)};
+    };
+    if (kind == "message" || kind == "worker") {
+        dxt::failure_site site;
+        site.cpu = 3;
+        int number = kind == "worker" ? MSG_WORKERS_FAILED : std::stoi(first);
+        site.message = number;
+        site.status_known = kind == "worker";
+        site.status = std::stoi(first);
+        site.no_memory = kind == "worker" ? dxt::lacks_memory_status(site.status) : dxt::lacks_memory(number);
+        site.subtests = {1, {1}};
+        int flag = kind == "worker" ? -1 : static_cast<int>(n);
+        std::span<const dxt::failure_site> failures(&site, flag != 0);
+        dxt::run_ending e = dxt::ending_of(dxt::exit_status_of(number, flag), failures);
+        if (kind == "message")
+            return verdict(e.status, e.reason);
+        dxt::put_verdict_block(text, {0, e.status, 0, "", -1, nullptr, failures, nullptr}, true);
+        std::string block(text.data, text.length);
+        return verdict(e.status, block.substr(29, block.find('\n') - 29));  // after the time and SUMMARY
+    }
+    if (kind == "signal") {
+        dxt::put_interrupted_by(text, std::stoi(first));
+        return verdict(dxt::exit_signal_base + std::stoi(first), {text.data, text.length});
+    }
+    if (kind == "left-out") {
+        dxt::machine_description m{{0}, {{1, first.c_str()}}, {"0"}};
+        dxt::put_pass_text(text, "tarneltest", m, 2000);
+        return {"-", "-", "-", {text.data, text.length}};
+    }
+    dxt::hardware_report r;
+    ras::processor_counts grew{0};
+    for (auto [key, count] : {std::pair{"mce", &grew.mce}, {"thr", &grew.thr}, {"dfr", &grew.dfr}, {"trm", &grew.trm}})
+        if (first == key)
+            *count = n;
+    r.grew.push_back(grew);
+    if (first == "corrected" || first == "untested")
+        r.machine_checks.push_back({1, first == "corrected" ? 0 : 1, 6, first == "corrected", true,
+                                    "Data CACHE Level-2 Data-Read Error", n});
+    std::vector<std::string> said = dxt::report_warnings(r, std::vector<int>{0});
+    return {"-", "-", "-", said.empty() ? "" : said[0]};
+}
+
+TEST(Decisions, EachInputToItsVerdictAndText)
+{
+    for (const auto &row : table_rows(TARNEL_TEST_DATA "/decisions.txt", 6))
+        EXPECT_EQ(decide(row[0], row[1]), std::vector<std::string>(row.begin() + 2, row.end()))
+            << row[0] << " " << row[1];
 }
 
 // The harness started as the program starts it, without an option parser.
