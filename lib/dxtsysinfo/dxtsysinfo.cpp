@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <new>
 #include <mutex>
 #include <string>
@@ -33,7 +34,10 @@ constexpr const char *UNKNOWN_SHARING = "unknown";
 // Everything the library learned about one processor.
 struct cpu_record {
     int result;
-    uint32_t words[RECORD_WORDS];
+    // A block of its own, exactly the record's size: a word written past
+    // its end is a heap overflow the address sanitizer reports, not a quiet
+    // change to the answers kept beside it.
+    std::unique_ptr<uint32_t[]> words{new uint32_t[RECORD_WORDS]};
     sysfs_answer sysfs;
     bool cpuid_read;  // CPUID was asked (whatever it answered)
     cpuid_answer cpuid;
@@ -100,13 +104,13 @@ cpu_record *record_of(int cpu)
         read_cpuid(cpu, entry);
     cache_pair libc = {};
     sysconf_caches(sources().read_sysconf, &libc);
-    entry->result = fill_record(cpu, own_caches(entry->sysfs, entry->cpuid), libc, entry->words);
+    entry->result = fill_record(cpu, own_caches(entry->sysfs, entry->cpuid), libc, entry->words.get());
     return entry;
 }
 
 const uint32_t *descriptor_of(const cpu_record *entry, int index)
 {
-    return dxt_tlib_cache_descriptor(entry->words, index);
+    return dxt_tlib_cache_descriptor(entry->words.get(), index);
 }
 
 // The processors sharing the L2 by CPUID: every online processor's APIC id
@@ -208,7 +212,7 @@ int dxt_tlib_get_cpu_cacheinfo(int cpu_id, uint32_t **record)
             return NO_SUCH_PROCESSOR;
         cpu_record *entry = known != records().end() ? known->second : record_of(cpu_id);
         if (entry->result == 0)
-            *record = entry->words;
+            *record = entry->words.get();
         return entry->result;
     } catch (const std::bad_alloc &) {
         init_errmsg = "out of memory while reading the cache description";

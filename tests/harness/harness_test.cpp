@@ -187,6 +187,32 @@ TEST(Decisions, EachInputToItsVerdictAndText)
             << row[0] << " " << row[1];
 }
 
+// The room reckoned for a record holds it whole with the largest report a
+// storm leaves: 32 kinds of each severity, each text 240 control
+// characters (six bytes each escaped), and the counts of 512 processors.
+TEST(Record, TheRoomReckonedHoldsAStormsRecordWhole)
+{
+    dxt::hardware_report r;
+    r.checked = true;
+    for (int cpu = 0; cpu < 512; cpu++)
+        r.grew.push_back({cpu, 1, 2, 3, 4, 5, 6});
+    for (int k = 0; k < 64; k++)
+        r.machine_checks.push_back({k, 4095, 6, k % 2 == 0, true, std::string(ras::kept_text_bytes, '\x01'), 1000});
+    r.unread = {std::string(300, '\x01')};
+    dxt::machine_description m{{0}, {}, {"0"}};
+    dxt::failure_site site;
+    dxt::verdict_record record{0, 1, 0, "a fault", -1, &m, {&site, 1}, &r};
+    std::vector<char> room(dxt::verdict_room(record));
+    dxt::text_buffer out{room.data(), room.size()};
+    dxt::put_verdict_record(out, record);
+    std::string text(out.data, out.length);
+    EXPECT_EQ(text.find("[cut]"), std::string::npos);
+    EXPECT_TRUE(text.ends_with("]}\n")) << text.substr(text.size() - 80);
+    // The record, its failure, hardware_counts, a processor's counts each,
+    // and each kind of machine check.
+    EXPECT_EQ(std::count(text.begin(), text.end(), '{'), 1 + 1 + 1 + 512 + 64);
+}
+
 // The harness started as the program starts it, without an option parser.
 void start(std::vector<std::string> args)
 {

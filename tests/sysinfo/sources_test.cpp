@@ -116,6 +116,15 @@ TEST_F(fixture_tree, sysfs_picks_entries_by_level_and_type_not_index)
         EXPECT_EQ((std::array{l2.source, l2.size, l2.line_size, l2.ways}), row.l2) << "processor " << row.cpu;
         EXPECT_EQ((std::array{l1.source, l1.size, l1.line_size, l1.ways}), row.l1_data) << "processor " << row.cpu;
     }
+    // The whole record of processor 1, word for word: its id, the number of
+    // descriptors, then each descriptor's source, size, line and ways (L1
+    // data, unused, the C library's L2, unused, the library's own L2).
+    uint32_t *record = nullptr;
+    ASSERT_EQ(dxt_tlib_get_cpu_cacheinfo(1, &record), 0);
+    std::vector<uint32_t> want = {1, 5,  CACHE_SOURCE_SYSFS, 32 << 10, 64, 8, 0, 0, 0, 0,
+                                  CACHE_SOURCE_SYSCONF, 1 << 20, 64, 8,     0, 0, 0, 0,
+                                  CACHE_SOURCE_SYSFS,   1 << 20, 64, 8};
+    EXPECT_EQ(std::vector<uint32_t>(record, record + RECORD_WORDS), want);
 }
 
 // The reviewed table fall_through.txt.
