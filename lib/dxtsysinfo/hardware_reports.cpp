@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <sqlite3.h>
+#include <time.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -111,6 +112,18 @@ sqlite3 *open_database(const std::string &path, std::string *why)
     return db;
 }
 
+// How long the records of one run may take to read.
+constexpr int reading_seconds = 10;
+
+// sqlite's progress callback: non-zero ends the statement.
+int past_deadline(void *deadline)
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const auto *end = static_cast<const timespec *>(deadline);
+    return now.tv_sec > end->tv_sec || (now.tv_sec == end->tv_sec && now.tv_nsec >= end->tv_nsec);
+}
+
 std::string column_text(sqlite3_stmt *row, int column)
 {
     const unsigned char *text = sqlite3_column_text(row, column);
@@ -152,7 +165,14 @@ machine_checks_since records_since(const std::string &database, int64_t after, s
         sqlite3_bind_int64(rows, 1, after);
         sqlite3_bind_int(rows, 2, static_cast<int>(kept_text_bytes));
         size_t kept[2] = {0, 0};  // kinds kept, uncorrected and corrected
-        while (sqlite3_step(rows) == SQLITE_ROW) {
+        // However large the database, the reading ends in time: the run's
+        // end waits for it.
+        timespec deadline;
+        clock_gettime(CLOCK_MONOTONIC, &deadline);
+        deadline.tv_sec += reading_seconds;
+        sqlite3_progress_handler(db, 10000, past_deadline, &deadline);
+        int step = SQLITE_ROW;
+        while ((step = sqlite3_step(rows)) == SQLITE_ROW) {
             int vendor = sqlite3_column_int(rows, 4);
             machine_check m = classify(sqlite3_column_int64(rows, 0), sqlite3_column_int(rows, 1),
                                        sqlite3_column_int(rows, 2), sqlite3_column_int64(rows, 3),
@@ -172,6 +192,9 @@ machine_checks_since records_since(const std::string &database, int64_t after, s
                 found.kinds.push_back(m);
             }
         }
+        if (step == SQLITE_INTERRUPT)
+            *why = "rasdaemon's database " + database + " took longer than " + std::to_string(reading_seconds) +
+                   " s to read; the machine checks it holds were not all read";
     }
     sqlite3_finalize(rows);
     sqlite3_close(db);
