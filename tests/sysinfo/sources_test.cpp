@@ -216,36 +216,24 @@ TEST(machine_checks, corrected_and_l2_from_status_and_unit)
     }
 }
 
-using fields = std::array<uint32_t, 4>;  // source, size, line size, ways
-
-fields of(const cache_desc &desc)
+// "CPUID leaf 4 262144 64 4": where it came from, size, line size, ways.
+std::string text_of(const cache_desc &d)
 {
-    return {desc.source, desc.size, desc.line_size, desc.ways};
+    return std::string(dxt_tlib_cache_source_text(d.source)) + " " + std::to_string(d.size) + " " +
+           std::to_string(d.line_size) + " " + std::to_string(d.ways);
 }
 
+// The reviewed table cpuid/decoded.txt.
 TEST(cpuid_decode, each_vendor_reads_its_own_leaves)
 {
-    const struct {
-        const char *name;
-        cpuid_dump dump;
-        fields l2, l1_data;
-        uint32_t sharing, apic_id;
-    } rows[] = {
-        {"Skylake: leaf 4", recorded_dump("skylake", 6), {CACHE_SOURCE_CPUID_4, 256 << 10, 64, 4},
-         {CACHE_SOURCE_CPUID_4, 32 << 10, 64, 8}, 2, 6},
-        {"Zen 2: leaf 0x8000001D", recorded_dump("zen2", 5), {CACHE_SOURCE_CPUID_8000001D, 512 << 10, 64, 8},
-         {CACHE_SOURCE_CPUID_8000001D, 32 << 10, 64, 8}, 2, 5},
-        {"this machine: leaves 0x80000005/6", recorded_dump("this_machine"),
-         {CACHE_SOURCE_CPUID_80000006, 1 << 20, 64, 8}, {CACHE_SOURCE_CPUID_80000005, 48 << 10, 64, 12}, 0, 0xe3},
-    };
-    for (const auto &row : rows) {
+    for (const auto &r : table_rows(TARNEL_TEST_DATA "/cpuid/decoded.txt", 6)) {
         cpuid_answer answer;
-        decode_cpuid_dump(row.dump, &answer);
-        EXPECT_EQ(of(answer.caches.l2), row.l2) << row.name;
-        EXPECT_EQ(of(answer.caches.l1_data), row.l1_data) << row.name;
-        EXPECT_EQ(answer.l2_sharing, row.sharing) << row.name;
-        EXPECT_TRUE(answer.apic_known) << row.name;
-        EXPECT_EQ(answer.apic_id, row.apic_id) << row.name;
+        decode_cpuid_dump(recorded_dump(r[0], r[1] == "-" ? -1 : std::stoi(r[1])), &answer);
+        EXPECT_EQ((std::vector<std::string>{text_of(answer.caches.l2), text_of(answer.caches.l1_data),
+                                            std::to_string(answer.l2_sharing),
+                                            answer.apic_known ? std::to_string(answer.apic_id) : "none"}),
+                  std::vector<std::string>(r.begin() + 2, r.end()))
+            << r[0] << " " << r[1];
     }
     // Skylake's L1 instruction cache has the data cache's geometry.
     cache_desc desc = {};
