@@ -6,10 +6,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <sstream>
 
 #include "cpuset.h"
+#include "textfile.h"
 
 namespace dxt {
 
@@ -17,17 +17,24 @@ namespace {
 
 std::string first_line(const std::string &path)
 {
-    std::ifstream file(path);
-    std::string line;
-    std::getline(file, line);
-    return line;
+    std::string text;
+    read_text_file(path, small_file_bytes, &text);
+    return text.substr(0, text.find('\n'));
+}
+
+// A kernel file's lines, read as every input is (textfile.h).
+std::istringstream lines_of(const std::string &path)
+{
+    std::string text;
+    read_text_file(path, small_file_bytes, &text);
+    return std::istringstream(text);
 }
 
 // The directory of the process's CPU cgroup: cgroup v2's unified tree, or
 // v1's cpu controller.
 std::string cpu_cgroup()
 {
-    std::ifstream file("/proc/self/cgroup");
+    std::istringstream file = lines_of("/proc/self/cgroup");
     for (std::string line; std::getline(file, line);) {
         size_t first = line.find(':'), second = line.find(':', first + 1);
         if (first == std::string::npos || second == std::string::npos)
@@ -59,7 +66,7 @@ std::vector<std::string> other_instances(std::span<const int> tested)
         std::string dir = std::string("/proc/") + entry->d_name;
         if (pid <= 0 || pid == self || pid == parent || first_line(dir + "/comm") != "tarneltest")
             continue;
-        std::ifstream status(dir + "/status");
+        std::istringstream status = lines_of(dir + "/status");
         std::string ppid, allowed;
         for (std::string line; std::getline(status, line);) {
             if (line.starts_with("PPid:"))
@@ -86,7 +93,7 @@ conditions read_conditions(std::span<const int> tested)
 {
     conditions c;
     if (std::string cgroup = cpu_cgroup(); !cgroup.empty()) {
-        std::ifstream stat(cgroup + "/cpu.stat");
+        std::istringstream stat = lines_of(cgroup + "/cpu.stat");
         for (std::string key; stat >> key;) {
             int64_t value = 0;
             stat >> value;
