@@ -182,11 +182,20 @@ machine_checks_since records_since(const std::string &database, int64_t after, s
             auto same = std::find_if(found.kinds.begin(), found.kinds.end(), [&](const machine_check &k) {
                 return k.cpu == m.cpu && k.bank == m.bank && k.corrected == m.corrected && k.text == m.text;
             });
-            if (same != found.kinds.end())
+            if (same != found.kinds.end()) {
                 same->count += m.count;
-            else if (kept[m.corrected] == kept_kinds)
+            } else if (kept[m.corrected] == kept_kinds && m.corrected) {
                 found.not_itemised += m.count;
-            else {
+            } else if (kept[m.corrected] == kept_kinds) {
+                m = {m.id, m.cpu, -1, false, false, other_kinds, m.count};
+                auto other = std::find_if(found.kinds.begin(), found.kinds.end(), [&](const machine_check &k) {
+                    return k.cpu == m.cpu && k.bank == -1;
+                });
+                if (other != found.kinds.end())
+                    other->count += m.count;
+                else
+                    found.kinds.push_back(m);
+            } else {
                 kept[m.corrected]++;
                 found.kinds.push_back(m);
             }

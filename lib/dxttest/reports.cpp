@@ -52,13 +52,13 @@ std::vector<std::string> report_warnings(const hardware_report &r, std::span<con
             continue;  // a failure, not a warning
         std::string kind = std::string(m.corrected ? "corrected" : "uncorrected") + (m.l2_cache ? " L2 cache error" : " error");
         said.push_back((m.count == 1 ? kind : std::to_string(m.count) + " " + kind + "s") + " on cpu" +
-                       std::to_string(m.cpu) + ", bank " + std::to_string(m.bank) +
+                       std::to_string(m.cpu) + (m.bank >= 0 ? ", bank " + std::to_string(m.bank) : "") +
                        (tested_on(tested, m.cpu) ? "" : " (not tested)") + ": " + m.text);
     }
     if (r.machine_checks_not_itemised > 0)
-        said.push_back(counted(r.machine_checks_not_itemised, "more machine-check record", "more machine-check records") +
-                       " of other kinds (only the first " + std::to_string(ras::kept_kinds) +
-                       " kinds of each severity are itemised)");
+        said.push_back(counted(r.machine_checks_not_itemised, "more corrected machine-check record",
+                               "more corrected machine-check records") +
+                       " of other kinds (only the first " + std::to_string(ras::kept_kinds) + " kinds are itemised)");
     for (const ras::processor_counts &p : r.grew) {
         std::string cpu = " on cpu" + std::to_string(p.cpu);
         if (p.mce > 0)

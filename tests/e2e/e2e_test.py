@@ -234,8 +234,18 @@ class EndToEnd(unittest.TestCase):
             self.assertEqual((status, len(v["machine_checks"]), v["machine_checks"][0]["count"]), (0, 32, 200000))
             self.assertIn(f"200000 corrected L2 cache errors on cpu{cpu}, bank 6: Data CACHE Level-2 Data-Read Error",
                           v["warnings"])
-            self.assertIn("9 more machine-check records of other kinds (only the first 32 kinds of each severity are "
+            self.assertIn("9 more corrected machine-check records of other kinds (only the first 32 kinds are "
                           "itemised)", v["warnings"])
+            # Uncorrected kinds past the 32 are told by processor, and fail a
+            # run when that processor was tested.
+            shutil.copy(made, os.path.join(tmp, "uncorrected.db"))
+            status, out = run_with_rows(os.path.join(tmp, "uncorrected.db"),
+                                        [(4095 if k < 32 else cpu, 7, 0, 0xB200000000000116, "", f"kind {k}")
+                                         for k in range(35)])
+            v = record(out)
+            self.assertEqual((status, [(f["cpu"], f["machine_check"]) for f in v["failures"]]),
+                             (1, [(cpu, "uncorrected machine checks of other kinds")]))
+            self.assertEqual(v["machine_checks"][-1]["count"], 3)
 
     def test_run_conditions_are_warnings(self):
         """Buffers not locked (an unprivileged user under ulimit -l 0), CPU

@@ -176,6 +176,8 @@ std::vector<std::string> decide(const std::string &kind, const std::string &inpu
     if (first == "corrected" || first == "untested")
         r.machine_checks.push_back({1, first == "corrected" ? 0 : 1, 6, first == "corrected", true,
                                     "Data CACHE Level-2 Data-Read Error", n});
+    if (first == "others")
+        r.machine_checks.push_back({1, 1, -1, false, false, ras::other_kinds, n});
     std::vector<std::string> said = dxt::report_warnings(r, std::vector<int>{0});
     return {"-", "-", "-", said.empty() ? "" : said[0]};
 }

@@ -50,8 +50,12 @@ struct machine_check {
 // An error storm is told by kind, not record by record: at most this many
 // kinds of each severity, the first to arrive, and the text of each cut to
 // this many bytes, so the run's record stays a line any collector keeps.
+// Uncorrected records of further kinds are still told by processor (one
+// kind each, bank -1, with other_kinds as its text), since one on a
+// tested processor fails the run; corrected ones are only counted.
 constexpr size_t kept_kinds = 32;
 constexpr size_t kept_text_bytes = 240;
+constexpr char other_kinds[] = "uncorrected machine checks of other kinds";
 
 // The kinds recorded after a given id, and how many records fell outside
 // the kinds kept.
