@@ -14,19 +14,13 @@
 #include <cstring>
 #include <string>
 
-std::string read_line(const std::string &path)
-{
-    std::string text;
-    read_text_file(path, small_file_bytes, &text);
-    return text.substr(0, text.find_first_of("\r\n"));
-}
 
 namespace {
 
 // A decimal number file: its value, or 0 when missing or malformed.
 uint32_t read_number(const std::string &path)
 {
-    std::string text = read_line(path);
+    std::string text = read_first_line(path);
     if (text.empty() || text.size() > 10 || text.find_first_not_of("0123456789") != std::string::npos)
         return 0;
     unsigned long long value = strtoull(text.c_str(), nullptr, 10);
@@ -52,7 +46,7 @@ bool is_data_or_unified(const std::string &type)
 
 cache_desc read_sysfs_entry(const std::string &entry)
 {
-    return {CACHE_SOURCE_SYSFS, parse_cache_size(read_line(entry + "size").c_str()),
+    return {CACHE_SOURCE_SYSFS, parse_cache_size(read_first_line(entry + "size").c_str()),
             read_number(entry + "coherency_line_size"), read_number(entry + "ways_of_associativity")};
 }
 
@@ -63,8 +57,8 @@ cache_desc read_sysfs_entry(const std::string &entry)
 std::string read_shared_list(const std::string &entry)
 {
     std::vector<int> listed, mapped;
-    bool list_read = parse_cpu_list(read_line(entry + "shared_cpu_list"), &listed);
-    if (parse_cpu_map(read_line(entry + "shared_cpu_map"), &mapped))
+    bool list_read = parse_cpu_list(read_first_line(entry + "shared_cpu_list"), &listed);
+    if (parse_cpu_map(read_first_line(entry + "shared_cpu_map"), &mapped))
         return format_cpu_list(mapped);
     return list_read ? format_cpu_list(listed) : "";
 }
@@ -145,7 +139,7 @@ bool sysfs_caches(const char *cpu_root, int cpu, sysfs_answer *answer)
             continue;
         std::string entry = dir + "/" + item->d_name + "/";
         uint32_t level = read_number(entry + "level");
-        if (!is_data_or_unified(read_line(entry + "type")) || (level != 1 && level != 2))
+        if (!is_data_or_unified(read_first_line(entry + "type")) || (level != 1 && level != 2))
             continue;
         cache_kind kind = level == 2 ? CACHE_L2 : CACHE_L1_DATA;
         int &chosen = kind == CACHE_L2 ? l2_index : l1_index;

@@ -210,9 +210,6 @@ cache_sources live_cache_sources();
 // Reads nothing: the sources a recorded machine switches off.
 bool no_cpuid(int cpu, cpuid_dump *dump);
 long no_sysconf(int name);
-// The first line of a small text file, without its line end; "" when it
-// cannot be read.
-std::string read_line(const std::string &path);
 // Takes these sources from now on and forgets every record built so far.
 // For tests only: no record handed out before may still be in use.
 void use_cache_sources(const cache_sources &sources);

@@ -29,7 +29,7 @@ bool bit(int64_t word, int n) { return (static_cast<uint64_t>(word) >> n) & 1; }
 
 int64_t count_in(const std::string &path)
 {
-    std::string text = read_line(path);
+    std::string text = read_first_line(path);
     if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
         return -1;
     return strtoll(text.c_str(), nullptr, 10);

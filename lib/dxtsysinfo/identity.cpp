@@ -93,14 +93,14 @@ int dxt_tlib_get_processor_identity(int cpu_id, dxt_processor_identity *identity
     std::lock_guard<std::mutex> hold(identity_lock);
     std::string topology = cpu_dir() + "/cpu" + std::to_string(cpu_id) + "/topology/";
     std::map<std::string, std::string> info = cpuinfo_of(cpu_id);
-    if (cpu_id < 0 || (read_line(topology + "core_id").empty() && info.empty()))
+    if (cpu_id < 0 || (read_first_line(topology + "core_id").empty() && info.empty()))
         return -1;
-    std::string siblings = read_line(topology + "thread_siblings_list");
-    std::string ppin = read_line(topology + "ppin");
+    std::string siblings = read_first_line(topology + "thread_siblings_list");
+    std::string ppin = read_first_line(topology + "ppin");
     std::string microcode = info["microcode"];
-    *identity = {number_or_unknown(read_line(topology + "physical_package_id")),
-                 number_or_unknown(read_line(topology + "die_id")),
-                 number_or_unknown(read_line(topology + "core_id")),
+    *identity = {number_or_unknown(read_first_line(topology + "physical_package_id")),
+                 number_or_unknown(read_first_line(topology + "die_id")),
+                 number_or_unknown(read_first_line(topology + "core_id")),
                  kept(siblings.empty() ? "unknown" : siblings),
                  kept(info["model name"]),
                  number_or_unknown(info["cpu family"]),
@@ -117,7 +117,7 @@ void dxt_tlib_get_machine_identity(dxt_machine_identity *machine)
     std::lock_guard<std::mutex> hold(identity_lock);
     if (!sysroot.empty()) {
         std::string flags = " " + cpuinfo_of(0)["flags"] + " ";
-        *machine = {kept(read_line(sysroot + "/proc/sys/kernel/osrelease")),
+        *machine = {kept(read_first_line(sysroot + "/proc/sys/kernel/osrelease")),
                     flags.size() > 2 ? int(flags.find(" hypervisor ") != std::string::npos) : -1};
         return;
     }

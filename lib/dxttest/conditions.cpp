@@ -15,13 +15,6 @@ namespace dxt {
 
 namespace {
 
-std::string first_line(const std::string &path)
-{
-    std::string text;
-    read_text_file(path, small_file_bytes, &text);
-    return text.substr(0, text.find('\n'));
-}
-
 // A kernel file's lines, read as every input is (textfile.h).
 std::istringstream lines_of(const std::string &path)
 {
@@ -64,7 +57,7 @@ std::vector<std::string> other_instances(std::span<const int> tested)
     while (const dirent *entry = readdir(proc)) {
         pid_t pid = atoi(entry->d_name);
         std::string dir = std::string("/proc/") + entry->d_name;
-        if (pid <= 0 || pid == self || pid == parent || first_line(dir + "/comm") != "tarneltest")
+        if (pid <= 0 || pid == self || pid == parent || read_first_line(dir + "/comm") != "tarneltest")
             continue;
         std::istringstream status = lines_of(dir + "/status");
         std::string ppid, allowed;
@@ -102,11 +95,11 @@ conditions read_conditions(std::span<const int> tested)
             else if (key == "nr_throttled")
                 c.throttled_periods = value;
         }
-        std::string v2 = first_line(cgroup + "/cpu.max"), v1 = first_line(cgroup + "/cpu.cfs_quota_us");
+        std::string v2 = read_first_line(cgroup + "/cpu.max"), v1 = read_first_line(cgroup + "/cpu.cfs_quota_us");
         if (!v2.empty() && !v2.starts_with("max"))
             c.quota = "cpu.max " + v2;
         else if (!v1.empty() && v1 != "-1")
-            c.quota = "cpu.cfs_quota_us " + v1 + " of cpu.cfs_period_us " + first_line(cgroup + "/cpu.cfs_period_us");
+            c.quota = "cpu.cfs_quota_us " + v1 + " of cpu.cfs_period_us " + read_first_line(cgroup + "/cpu.cfs_period_us");
     }
     c.others = other_instances(tested);
     return c;

@@ -698,13 +698,9 @@ void show_usage(int (*usage)(void))
     dxt::machine_description m = dxt::describe_machine();
     std::vector<dxt::processor_entry> all = dxt::describe_processors(m);
     // A recording names its own host, or none.
-    std::string recorded_host;
-    if (*dxt_tlib_sysroot() != '\0') {
-        read_text_file(std::string(dxt_tlib_sysroot()) + "/proc/sys/kernel/hostname", small_file_bytes, &recorded_host);
-        recorded_host = recorded_host.substr(0, recorded_host.find('\n'));
-    }
-    dxt::machine_entry host =
-        dxt::describe_host(now_seconds(), *dxt_tlib_sysroot() != '\0' ? std::string_view(recorded_host) : host_name);
+    std::string_view sysroot = dxt_tlib_sysroot();
+    std::string recorded_host = sysroot.empty() ? "" : read_first_line(std::string(sysroot) + "/proc/sys/kernel/hostname");
+    dxt::machine_entry host = dxt::describe_host(now_seconds(), sysroot.empty() ? host_name : recorded_host);
     std::vector<char> storage(4096 + all.size() * 1536);
     dxt::text_buffer out{storage.data(), storage.size()};
     if (display.json) {
@@ -1188,8 +1184,8 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
 void dxt_test_async_handler(int)
 {
     // Blocked here, before the workers exist, so that every thread
-    // inherits the mask and only the waiting thread takes them.
-    note_ignored_interrupts();
+    // inherits the mask and only the waiting thread takes them (those
+    // ignored at start were noted by test_init).
     sigset_t set = interrupt_signals();
     if (pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0 &&
         pthread_create(&waiter, nullptr, wait_for_interrupts, nullptr) == 0) {

@@ -331,6 +331,15 @@ void put_siblings(text_buffer &out, const char *list, int cpu)
         put(out, "none");
 }
 
+// Bytes enough for the processors' identities in a record, escaped.
+size_t identity_room(std::span<const processor_entry> processors)
+{
+    size_t room = 0;
+    for (const processor_entry &p : processors)
+        room += 1024 + 6 * ((p.known ? strlen(p.id.model) + strlen(p.id.smt_siblings) : 0) + strlen(p.l2.shared_cpus));
+    return room;
+}
+
 void put_number_member(text_buffer &out, std::string_view key, long long value)
 {
     put_int_member(out, key, value, value >= 0);
@@ -535,9 +544,7 @@ size_t verdict_room(const verdict_record &r)
     room += r.failures.size() * (512 + names);
     if (r.reports != nullptr)
         room += report_room(*r.reports);
-    for (const processor_entry &p : r.processors)
-        room += 1024 + 6 * ((p.known ? strlen(p.id.model) + strlen(p.id.smt_siblings) : 0) + strlen(p.l2.shared_cpus));
-    return room;
+    return room + identity_room(r.processors);
 }
 
 void put_verdict_record(text_buffer &out, const verdict_record &r)
@@ -712,11 +719,8 @@ size_t burn_in_room(const burn_in_record &r)
         names += 160 + 6 * u.how.size();
     for (const retest_result &t : r.retests)
         names += 320 + 6 * t.subtest.size();
-    size_t identity = 0;
-    for (const processor_entry &p : r.processors)
-        identity += 1024 + 6 * ((p.known ? strlen(p.id.model) + strlen(p.id.smt_siblings) : 0) + strlen(p.l2.shared_cpus));
     return 4096 + 6 * (r.text.size() + r.host.size() + r.options.size() + r.version.size() + r.build.size()) +
-           2 * names + identity + (r.reports != nullptr ? report_room(*r.reports) : 0);
+           2 * names + identity_room(r.processors) + (r.reports != nullptr ? report_room(*r.reports) : 0);
 }
 
 void put_burn_in_record(text_buffer &out, const burn_in_record &r)

@@ -43,6 +43,13 @@ bool is_regular_file(const std::string &path, std::string *why)
     return true;
 }
 
+std::string read_first_line(const std::string &path)
+{
+    std::string text;
+    read_text_file(path, small_file_bytes, &text);
+    return text.substr(0, text.find_first_of("\r\n"));
+}
+
 bool read_text_file(const std::string &path, size_t cap, std::string *text, std::string *why)
 {
     text->clear();

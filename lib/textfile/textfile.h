@@ -19,6 +19,9 @@ constexpr size_t table_file_bytes = 1 << 24;
 // saying what is wrong, for a file that cannot be opened or is not a
 // regular file.
 bool read_text_file(const std::string &path, size_t cap, std::string *text, std::string *why = nullptr);
+// The first line of a small file, without its line end; "" when it cannot
+// be read.
+std::string read_first_line(const std::string &path);
 // Whether path names a regular file (following links), else why not.
 bool is_regular_file(const std::string &path, std::string *why);
 
