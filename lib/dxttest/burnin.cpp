@@ -300,11 +300,11 @@ void say_unfinished(const burn_in_request &request, long long run, const run_out
 }
 
 // The burn-in's metrics, when asked for: 0, or the error that stopped them.
-int write_burn_in_metrics(const burn_in_request &request, const burn_in_record &record)
+int write_burn_in_metrics(const burn_in_request &request, const burn_in_record &record,
+                          std::span<const int> tested)
 {
     if (request.metrics.empty())
         return 0;
-    std::vector<int> tested = describe_machine().tested;
     std::vector<char> storage(burn_in_metrics_room(record, tested));
     text_buffer out{storage.data(), storage.size()};
     put_burn_in_metrics(out, record, tested);
@@ -406,7 +406,7 @@ void burn_in(const burn_in_request &request)
                           failed,        &reports, request.host, unfinished, retests, counted, request.subopts,
                           dxt_test_version, TARNEL_BUILD, processors, &host};
     // A pass that cannot reach the monitoring is no pass.
-    int metrics_error = write_burn_in_metrics(request, record);
+    int metrics_error = write_burn_in_metrics(request, record, machine.tested);
     bool metrics_lost = metrics_error != 0 && status == exit_passed;
     if (metrics_lost)
         status = record.exit_status = exit_could_not_test;
