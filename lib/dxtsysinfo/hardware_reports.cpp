@@ -179,24 +179,25 @@ machine_checks_since records_since(const std::string &database, int64_t after, s
                                        column_text(rows, 6), column_text(rows, 7));
             m.count = sqlite3_column_int64(rows, 8);
             m.text.resize(std::min(m.text.size(), kept_text_bytes));
-            auto same = std::find_if(found.kinds.begin(), found.kinds.end(), [&](const machine_check &k) {
+            auto same_kind = [&](const machine_check &k) {
                 return k.cpu == m.cpu && k.bank == m.bank && k.corrected == m.corrected && k.text == m.text;
-            });
+            };
+            auto same = std::find_if(found.kinds.begin(), found.kinds.end(), same_kind);
+            bool full = same == found.kinds.end() && kept[m.corrected] == kept_kinds;
+            if (full) {
+                if (m.corrected) {
+                    found.not_itemised += m.count;
+                    continue;
+                }
+                // Past the kinds kept, an uncorrected record joins its
+                // processor's kind of the others.
+                m = {m.id, m.cpu, -1, false, false, other_kinds, m.count};
+                same = std::find_if(found.kinds.begin(), found.kinds.end(), same_kind);
+            }
             if (same != found.kinds.end()) {
                 same->count += m.count;
-            } else if (kept[m.corrected] == kept_kinds && m.corrected) {
-                found.not_itemised += m.count;
-            } else if (kept[m.corrected] == kept_kinds) {
-                m = {m.id, m.cpu, -1, false, false, other_kinds, m.count};
-                auto other = std::find_if(found.kinds.begin(), found.kinds.end(), [&](const machine_check &k) {
-                    return k.cpu == m.cpu && k.bank == -1;
-                });
-                if (other != found.kinds.end())
-                    other->count += m.count;
-                else
-                    found.kinds.push_back(m);
             } else {
-                kept[m.corrected]++;
+                kept[m.corrected] += !full;
                 found.kinds.push_back(m);
             }
         }
