@@ -29,6 +29,16 @@ void put_char(text_buffer &line, char c)
         line.data[line.length++] = c;
 }
 
+// A control character, which text for a terminal and JSON both write as
+// its two hex digits behind an escape of their own.
+bool is_control(unsigned char c) { return c < 0x20 || c == 0x7F; }
+
+void put_hex_byte(text_buffer &line, unsigned char c)
+{
+    put_char(line, "0123456789abcdef"[c >> 4]);
+    put_char(line, "0123456789abcdef"[c & 0xF]);
+}
+
 void put_padded(text_buffer &line, unsigned long long value, int digits)
 {
     char reversed[24];
@@ -106,13 +116,11 @@ void put(text_buffer &line, std::string_view s)
 
 void put_visible(text_buffer &line, std::string_view s)
 {
-    constexpr char hex[] = "0123456789abcdef";
     for (char c : s) {
         auto u = static_cast<unsigned char>(c);
-        if ((u < 0x20 && c != '\t') || u == 0x7f) {
+        if (is_control(u) && c != '\t') {
             put(line, "\\x");
-            put_char(line, hex[u >> 4]);
-            put_char(line, hex[u & 15]);
+            put_hex_byte(line, u);
         } else {
             put_char(line, c);
         }
@@ -212,10 +220,9 @@ void put_json_string(text_buffer &line, std::string_view text)
             put(line, "\\r");
         } else if (c == '\t') {
             put(line, "\\t");
-        } else if (c < 0x20 || c == 0x7F) {
+        } else if (is_control(c)) {
             put(line, "\\u00");
-            put_char(line, "0123456789abcdef"[c >> 4]);
-            put_char(line, "0123456789abcdef"[c & 0xF]);
+            put_hex_byte(line, c);
         } else if (c >= 0x80) {
             // JSON text is UTF-8: a byte that starts no well-formed sequence
             // becomes the replacement character.
