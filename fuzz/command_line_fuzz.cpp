@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "dxttest_internal.h"
+#include "command_line.h"
 
 extern "C" const char dxt_test_version[] = "0 2026/11/23 (fuzz)";
 

@@ -1,7 +1,10 @@
-// The harness's own rules, where no whole run can show them: the catalogue
-// against what the program passes, and the report of a real bus error (in a
-// child process: its exit status and its lines). Whole lines from many
-// threads show in every JSON run of tests/e2e.
+// The harness's own rules, where no whole run can show them, each test
+// named for the room it checks (lib/dxttest/<layer>/<room>): the catalogue
+// against what the program passes, the watchdog's findings, the subtests a
+// failed worker can be in, the run record's decisions, the JSON record's
+// room, and the signals' report of a real bus error (in a child process:
+// its exit status and its lines). Whole lines from many threads show in
+// every JSON run of tests/e2e; the rooms' layout, in harness.rooms.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -13,14 +16,16 @@
 #include <string>
 #include <vector>
 
-#include "burnin.h"
-#include "dxttest_internal.h"
-#include "verdict.h"
-#include "watchdog.h"
+#include "catalogue.h"
 #include "harness/testinfo.h"
 #include "message_args.h"
+#include "record.h"
 #include "reports.h"
+#include "signals.h"
+#include "statuses.h"
+#include "summary.h"
 #include "table.h"
+#include "watchdog.h"
 
 // What the program defines for the harness to read.
 const char dxt_test_version[] = "9.9 2026/01/02 (harness test)";
@@ -53,8 +58,8 @@ TEST(Catalogue, ExactlyTheProgramsNumbersEachTakingItsArguments)
     for (const message_args &m : program_messages)
         program.emplace(m.number, m.args);
     std::map<int, std::string> catalogue;
-    for (const dxt::catalogue_entry &entry : dxt::catalogue())
-        EXPECT_TRUE(catalogue.emplace(entry.number, conversions(entry.format)).second) << entry.number << " twice";
+    for (int number : dxt::catalogue_numbers())
+        EXPECT_TRUE(catalogue.emplace(number, conversions(dxt::catalogue_format(number))).second) << number << " twice";
     EXPECT_EQ(catalogue, program);
     EXPECT_EQ(dxt::catalogue_format(0), nullptr);
     EXPECT_EQ(dxt::catalogue_format(4242), nullptr);
@@ -100,7 +105,7 @@ TEST(Watchdog, HungOnlyAloneAfterTenTimesTheSlowestOrPastTheLimit)
 // The row- and column-striding marches say their end before they return a
 // miscompare: a worker that failed after that end is in one of them, or in a
 // later subtest that announces nothing.
-TEST(Attribution, AMarchThatEndedBeforeItsMiscompare)
+TEST(Subtests, AMarchThatEndedBeforeItsMiscompare)
 {
     const auto &sequence = dxt::subtests();
     auto index = [&](std::string_view name) {
@@ -182,7 +187,7 @@ std::vector<std::string> decide(const std::string &kind, const std::string &inpu
     return {"-", "-", "-", said.empty() ? "" : said[0]};
 }
 
-TEST(Decisions, EachInputToItsVerdictAndText)
+TEST(RunRecord, EachInputToItsVerdictAndText)
 {
     for (const auto &row : table_rows(TARNEL_TEST_DATA "/decisions.txt", 6))
         EXPECT_EQ(decide(row[0], row[1]), std::vector<std::string>(row.begin() + 2, row.end()))
@@ -230,7 +235,7 @@ void start(std::vector<std::string> args)
 // The harness exits, installs signal handlers and keeps run-wide state, so
 // the run is a death test, its output on the standard error that such a
 // test reads.
-TEST(HarnessProcess, BusErrorIsAHardwareFaultWithProcessorAndAddress)
+TEST(Signals, BusErrorIsAHardwareFaultWithProcessorAndAddress)
 {
     EXPECT_EXIT(
         {

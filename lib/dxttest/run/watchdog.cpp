@@ -10,7 +10,8 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "dxttest_internal.h"
+#include "text.h"
+#include "workers.h"
 
 namespace dxt {
 
@@ -23,18 +24,7 @@ std::string seconds_text(long long ms)
     return {text.data, text.length};
 }
 
-std::mutex watch_lock;
-std::condition_variable wake;
-bool stopping = false;
-
 }  // namespace
-
-long long monotonic_ms()
-{
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
-}
 
 hang_finding find_hung(std::span<const platform_thread> threads, long long now_ms, long long run_started_ms,
                        long long limit_ms)
@@ -67,53 +57,48 @@ hang_finding find_hung(std::span<const platform_thread> threads, long long now_m
 
 namespace {
 
-long long watched_start_ms, watched_limit_ms;
-hang_handler watched_handler;
-pthread_t watcher;
-bool watching = false;
-
-void *watch(void *)
+void *watch(void *context)
 {
-    std::unique_lock<std::mutex> hold(watch_lock);
-    while (!wake.wait_for(hold, std::chrono::milliseconds(250), [] { return stopping; })) {
-        std::vector<platform_thread> threads(static_cast<size_t>(platform_threads(nullptr, 0)));
-        threads.resize(static_cast<size_t>(platform_threads(threads.data(), static_cast<int>(threads.size()))));
-        hang_finding found = find_hung(threads, monotonic_ms(), watched_start_ms, watched_limit_ms);
+    watchdog &w = *static_cast<watchdog *>(context);
+    std::unique_lock<std::mutex> hold(w.lock);
+    while (!w.wake.wait_for(hold, std::chrono::milliseconds(250), [&] { return w.stopping; })) {
+        std::vector<platform_thread> threads = all_threads();
+        hang_finding found = find_hung(threads, monotonic_ms(), w.start_ms, w.limit_ms);
         if (found.hung)
-            watched_handler(threads, found);
+            w.on_hang(threads, found);
     }
     return nullptr;
 }
 
 }  // namespace
 
-int start_watchdog(long long run_started_ms, long long limit_ms, hang_handler on_hang)
+int start_watchdog(watchdog &w, long long run_started_ms, long long limit_ms, hang_handler on_hang)
 {
-    watched_start_ms = run_started_ms;
-    watched_limit_ms = limit_ms;
-    watched_handler = on_hang;
+    w.start_ms = run_started_ms;
+    w.limit_ms = limit_ms;
+    w.on_hang = on_hang;
     // Started with every signal blocked, so that the interrupts reach only
     // the thread that waits for them.
     sigset_t all, old;
     sigfillset(&all);
     pthread_sigmask(SIG_BLOCK, &all, &old);
-    int error = pthread_create(&watcher, nullptr, watch, nullptr);
+    int error = pthread_create(&w.thread, nullptr, watch, &w);
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    watching = error == 0;
+    w.running = error == 0;
     return error;
 }
 
-void stop_watchdog()
+void stop_watchdog(watchdog &w)
 {
-    if (!watching)
+    if (!w.running)
         return;
     {
-        std::lock_guard<std::mutex> hold(watch_lock);
-        stopping = true;
+        std::lock_guard<std::mutex> hold(w.lock);
+        w.stopping = true;
     }
-    wake.notify_all();
-    pthread_join(watcher, nullptr);
-    watching = false;
+    w.wake.notify_all();
+    pthread_join(w.thread, nullptr);
+    w.running = false;
 }
 
 }  // namespace dxt

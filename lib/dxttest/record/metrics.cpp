@@ -1,6 +1,7 @@
 // The Prometheus text format (metrics.h). Every family is one gauge: each
 // file describes the last run alone, and node_exporter serves it as it is.
 #include "metrics.h"
+#include "statuses.h"
 
 #include "testinfo.h"
 
@@ -57,9 +58,9 @@ void put_head(text_buffer &out, std::string_view version, std::string_view build
                "The last run's exit status: 0 pass, 1 fault, 2 usage, 3 could not test, 4 hung, 128+N signal N.");
     put_sample(out, "tarneltest_last_run_exit_status", exit_status);
     put_family(out, "tarneltest_last_run_verdict", "1 for the last run's verdict, 0 for every other.");
-    for (const char *name : verdict_names())
-        put(out, "tarneltest_last_run_verdict{verdict=\"", name, "\"} ",
-            std::string_view(name) == verdict_name(exit_status) ? "1\n" : "0\n");
+    for (int status : verdict_statuses())
+        put(out, "tarneltest_last_run_verdict{verdict=\"", verdict_name(status), "\"} ",
+            verdict_name(status) == std::string_view(verdict_name(exit_status)) ? "1\n" : "0\n");
 }
 
 // Each processor, whether it was tested and whether it failed.
@@ -155,7 +156,7 @@ void put_run_metrics(text_buffer &out, const verdict_record &r)
 
 size_t burn_in_metrics_room(const burn_in_record &r, std::span<const int> tested)
 {
-    size_t room = 4096 + 96 * tested.size() + 128 * verdict_names().size();
+    size_t room = 4096 + 96 * tested.size() + 128 * verdict_statuses().size();
     if (r.reports != nullptr)
         room += 600 * r.reports->grew.size() + 96 * r.reports->machine_checks.size();
     return room;
@@ -165,7 +166,8 @@ void put_burn_in_metrics(text_buffer &out, const burn_in_record &r, std::span<co
 {
     put_head(out, dxt_test_version, TARNEL_BUILD, r.time, r.elapsed_ms, r.exit_status);
     put_family(out, "tarneltest_last_run_runs", "The last burn-in's runs, by verdict.");
-    for (const char *name : verdict_names()) {
+    for (int kind : verdict_statuses()) {
+        const char *name = verdict_name(kind);
         long long runs = 0;
         for (auto [status, count] : r.runs_by_status)
             if (std::string_view(verdict_name(status)) == name)

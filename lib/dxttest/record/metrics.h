@@ -9,8 +9,8 @@
 #include <span>
 #include <string>
 
-#include "dxttest_internal.h"
-#include "verdict.h"
+#include "run_record.h"
+#include "text.h"
 
 namespace dxt {
 
@@ -33,6 +33,7 @@ struct metrics_file {
     std::string path;
     std::string temporary;
 };
+
 metrics_file metrics_file_at(const std::string &path);
 // Writes text through the temporary file; 0, or the error that stopped it,
 // said on standard error after the program's name. Async-signal-safe.

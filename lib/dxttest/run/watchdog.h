@@ -5,6 +5,10 @@
 #ifndef TARNEL_DXTTEST_WATCHDOG_H
 #define TARNEL_DXTTEST_WATCHDOG_H
 
+#include <pthread.h>
+
+#include <condition_variable>
+#include <mutex>
 #include <span>
 #include <string>
 #include <vector>
@@ -38,9 +42,19 @@ hang_finding find_hung(std::span<const platform_thread> threads, long long now_m
 // own and calls on_hang, which must not return, with what it found. 0, or
 // the error that kept its thread from starting.
 using hang_handler = void (*)(const std::vector<platform_thread> &threads, const hang_finding &finding);
-int start_watchdog(long long run_started_ms, long long limit_ms, hang_handler on_hang);
+struct watchdog {
+    long long start_ms = 0, limit_ms = 0;
+    hang_handler on_hang = nullptr;
+    pthread_t thread;
+    bool running = false;
+    std::mutex lock;
+    std::condition_variable wake;
+    bool stopping = false;  // under lock
+};
+
+int start_watchdog(watchdog &w, long long run_started_ms, long long limit_ms, hang_handler on_hang);
 // Stops it and waits for its thread (a passing run leaves none behind).
-void stop_watchdog();
+void stop_watchdog(watchdog &w);
 
 }  // namespace dxt
 

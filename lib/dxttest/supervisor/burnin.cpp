@@ -27,234 +27,32 @@
 #include "cpuset.h"
 #include "dxtsysinfo_ext.h"
 #include "metrics.h"
+#include "output.h"
+#include "progress_line.h"
+#include "record.h"
 #include "reports.h"
+#include "signals.h"
+#include "statuses.h"
+#include "summary.h"
 #include "testinfo.h"
-#include "verdict.h"
 
 namespace dxt {
-namespace {
 
-// A run whose own watchdog did not end it this long after its limit is
-// ended from here; one that ignores SIGTERM this long after it gets SIGKILL.
-constexpr long long run_grace_ms = 30000;
-constexpr long long kill_grace_ms = 3000;
+void burn_in_progress::clear() { clear_progress(line, STDOUT_FILENO); }
 
-volatile sig_atomic_t stop_signal = 0;
-volatile pid_t running = 0;
-
-// The run in progress ends as a single run would, woken first if it was
-// stopped; no other starts.
-void on_stop(int sig)
+void burn_in_progress::draw()
 {
-    if (stop_signal == 0)
-        stop_signal = sig;
-    if (running > 0) {
-        kill(running, sig);
-        kill(running, SIGCONT);
+    line_buffer text;
+    put(text, "burn-in: run ", run);
+    if (runs > 0)
+        put(text, " of ", runs);
+    if (deadline_ms > 0) {
+        put(text, ", ");
+        put_duration(text, std::max(0LL, deadline_ms - monotonic_ms()));
+        put(text, " left");
     }
+    show_progress(line, STDOUT_FILENO, text);
 }
-
-void write_string(const std::string &s) { write_output({const_cast<char *>(s.data()), s.size(), s.size()}); }
-
-struct progress_line {
-    bool on;
-    long long run, runs, deadline_ms;  // runs, deadline_ms: 0 when not limited
-    bool shown = false;
-
-    void clear()
-    {
-        if (shown)
-            write_string("\r\033[K");
-        shown = false;
-    }
-    void draw()
-    {
-        if (!on)
-            return;
-        line_buffer text;
-        put(text, "\r\033[Kburn-in: run ", run);
-        if (runs > 0)
-            put(text, " of ", runs);
-        if (deadline_ms > 0) {
-            put(text, ", ");
-            put_duration(text, std::max(0LL, deadline_ms - monotonic_ms()));
-            put(text, " left");
-        }
-        write_output(text);
-        shown = true;
-    }
-};
-
-// One line of a run, with the run's number added (none for a single run).
-void pass_line(const std::string &line, long long run, bool json, progress_line &progress)
-{
-    std::string mark = std::to_string(run);
-    size_t space = line.find(' ');
-    progress.clear();
-    if (run == 0)
-        write_string(line);
-    else if (json && line.starts_with('{'))
-        write_string("{\"run\":" + mark + "," + line.substr(1));
-    else if (!json && space != std::string::npos && line[0] >= '0' && line[0] <= '9')
-        write_string(line.substr(0, space) + " run " + mark + line.substr(space));
-    else
-        write_string(line);
-    progress.draw();
-}
-
-// Whether a line is the run's own verdict: the record, or the text block's
-// last line; a single run with retests keeps it until they are done.
-bool is_verdict(const std::string &line, bool json)
-{
-    return json ? line.starts_with("{\"time\"") && line.find("\"schema_version\"") != std::string::npos
-                : line.find(" VERDICT ") != std::string::npos;
-}
-
-std::string signal_name(int sig)
-{
-    const char *name = sigabbrev_np(sig);
-    return name != nullptr ? std::string("SIG") + name : "signal " + std::to_string(sig);
-}
-
-}  // namespace
-
-namespace {
-
-// One run as a process of its own, watched: with pass_output its lines go
-// through, numbered (unless number is 0), else nowhere; cpu >= 0 binds it.
-run_outcome watch_run(const burn_in_request &request, const std::vector<std::string> &args, long long number,
-                      int cpu, bool pass_output, progress_line *progress)
-{
-    int out[2], failures[2];
-    if (pipe2(out, O_CLOEXEC) != 0)
-        return {exit_could_not_test, "", "could not start: no pipe"};
-    if (pipe2(failures, O_CLOEXEC) != 0) {
-        close(out[0]);
-        close(out[1]);
-        return {exit_could_not_test, "", "could not start: no pipe"};
-    }
-    // The failures' pipe is named on the run's command line, never in an
-    // environment a user's shell could also set.
-    std::vector<std::string> run_args = args;
-    run_args.insert(run_args.begin() + 1, {"--failures-fd", std::to_string(failures[1])});
-    std::vector<char *> argv;
-    for (const std::string &arg : run_args)
-        argv.push_back(const_cast<char *>(arg.c_str()));
-    argv.push_back(nullptr);
-    pid_t parent = getpid();
-    pid_t pid = fork();
-    if (pid == 0) {
-        // A burn-in killed outright (SIGKILL) takes its run with it.
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != parent)
-            _exit(exit_could_not_test);
-        dup2(out[1], STDOUT_FILENO);
-        if (!pass_output)
-            dup2(out[1], STDERR_FILENO);
-        fcntl(failures[1], F_SETFD, 0);
-        if (cpu >= 0 && bind_thread(cpu) != 0)
-            _exit(exit_could_not_test);
-        execv("/proc/self/exe", argv.data());
-        _exit(exit_could_not_test);
-    }
-    close(out[1]);
-    close(failures[1]);
-    if (pid < 0) {
-        close(out[0]);
-        close(failures[0]);
-        return {exit_could_not_test, "", "could not start: no process"};
-    }
-    running = pid;
-    if (stop_signal != 0)
-        kill(pid, stop_signal);
-
-    run_outcome outcome{exit_could_not_test, "", ""};
-    long long limit = monotonic_ms() + 1000 * request.run_timeout_seconds + run_grace_ms;
-    long long stopping_since = 0, terminated_at = 0;  // 0: not yet
-    bool killed_here = false, hung = false;
-    std::string pending;
-    progress_line quiet{false, number, 0, 0};
-    progress_line &shown = progress != nullptr ? *progress : quiet;
-    pollfd fds[2] = {{out[0], POLLIN, 0}, {failures[0], POLLIN, 0}};
-    for (int open = 2; open > 0;) {
-        long long now = monotonic_ms();
-        // An interrupt of the burn-in, or a run past its limit: asked
-        // first, then ended.
-        if (stop_signal != 0 && stopping_since == 0)
-            stopping_since = now;
-        if (stopping_since == 0 && terminated_at == 0 && now >= limit) {
-            hung = true;
-            terminated_at = now;
-            kill(pid, SIGTERM);
-            kill(pid, SIGCONT);
-        }
-        long long since = std::max(stopping_since, terminated_at);
-        if (since > 0 && now - since >= kill_grace_ms && !killed_here) {
-            killed_here = true;
-            kill(pid, SIGKILL);
-        }
-        if (poll(fds, 2, 200) <= 0) {
-            shown.draw();  // the time left moves on
-            continue;
-        }
-        for (pollfd &fd : fds) {
-            if (fd.fd < 0 || fd.revents == 0)
-                continue;
-            char buffer[65536];
-            ssize_t n = read(fd.fd, buffer, sizeof buffer);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0) {
-                close(fd.fd);
-                fd.fd = -1;
-                open--;
-            } else if (&fd == &fds[1]) {
-                outcome.failures.append(buffer, static_cast<size_t>(n));
-            } else if (pass_output) {
-                pending.append(buffer, static_cast<size_t>(n));
-                for (size_t end; (end = pending.find('\n')) != std::string::npos; pending.erase(0, end + 1)) {
-                    std::string line = pending.substr(0, end + 1);
-                    if (number == 0 && request.retests > 0 && is_verdict(line, request.display.json))
-                        outcome.held_verdict += line;
-                    else
-                        pass_line(line, number, request.display.json, shown);
-                }
-            }
-        }
-    }
-    if (!pending.empty())
-        pass_line(pending + "\n", number, request.display.json, shown);
-    int wstatus = 0;
-    while (waitpid(pid, &wstatus, 0) < 0 && errno == EINTR) {
-    }
-    running = 0;
-    if (hung) {
-        // Ended from here, however it then exited.
-        outcome.status = exit_hung;
-        outcome.how = "hung: still going " + std::to_string(run_grace_ms / 1000) +
-                      " s after its own time limit, and was ended";
-    } else if (WIFEXITED(wstatus)) {
-        outcome.status = WEXITSTATUS(wstatus);
-    } else if (stop_signal != 0) {
-        outcome.status = exit_signal_base + stop_signal;
-    } else {
-        // Ended by a signal nobody here sent: it could not test.
-        int sig = WTERMSIG(wstatus);
-        outcome.status = exit_could_not_test;
-        outcome.how = "was killed by " + signal_name(sig) +
-                      (sig == SIGKILL ? " (the out-of-memory killer ends processes so)" : "");
-    }
-    return outcome;
-}
-
-}  // namespace
-
-run_outcome supervised_run(const burn_in_request &request, const std::vector<std::string> &args, int cpu)
-{
-    return watch_run(request, args, 0, cpu, false, nullptr);
-}
-
-bool burn_in_stopping() { return stop_signal != 0; }
 
 namespace {
 
@@ -316,18 +114,14 @@ int write_burn_in_metrics(const burn_in_request &request, const burn_in_record &
 void burn_in(const burn_in_request &request)
 {
     ras::snapshot before = ras::read_snapshot("", request.ras_database);
-    struct sigaction action = {};
-    action.sa_handler = on_stop;
-    sigfillset(&action.sa_mask);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP})
-        if (!interrupt_ignored(sig))
-            sigaction(sig, &action, nullptr);
+    stop_runs_on_interrupts(request);
 
     // Without a limit it is a single run, retested when it finds a fault.
     bool single = request.seconds == 0 && request.runs == 0;
     long long start = monotonic_ms(), start_time = time(nullptr);
-    progress_line progress{progress_wanted(request.display) && !single, 0, single ? 1 : request.runs,
-                           request.seconds > 0 ? start + 1000 * request.seconds : 0};
+    burn_in_progress progress{{}, 0, single ? 1 : request.runs, request.seconds > 0 ? start + 1000 * request.seconds : 0};
+    if (!single)
+        start_progress_line(progress.line, request.display, STDOUT_FILENO);
     long long passed = 0, found = 0;
     std::map<int, long long> runs_by_status;  // exit status: runs
     int last = exit_passed;  // the status of the run that ended the burn-in
@@ -335,13 +129,13 @@ void burn_in(const burn_in_request &request)
     std::vector<unfinished_run> unfinished;
     std::vector<retest_result> retests;
     std::string held;
-    while (stop_signal == 0 && (progress.runs == 0 || progress.run < progress.runs) &&
+    while (burn_in_stop_signal() == 0 && (progress.runs == 0 || progress.run < progress.runs) &&
            (progress.deadline_ms == 0 || monotonic_ms() < progress.deadline_ms)) {
         progress.run++;
         progress.draw();
         long long run_start = monotonic_ms();
         long long number = single ? 0 : progress.run;
-        run_outcome outcome = watch_run(request, request.run_args, number, -1, true, &progress);
+        run_outcome outcome = supervised_run(request, request.run_args, -1, number, true, &progress);
         last = outcome.status;
         held = outcome.held_verdict;
         runs_by_status[last]++;
@@ -366,7 +160,7 @@ void burn_in(const burn_in_request &request)
             found++;
             size_t first = failed.size();
             note_failures(outcome.failures, progress.run, failed);
-            if (request.retests > 0 && stop_signal == 0)
+            if (request.retests > 0 && burn_in_stop_signal() == 0)
                 run_retests(request, {failed.data() + first, failed.size() - first}, retests);
         }
         if (!request.display.json && !single) {
@@ -387,12 +181,12 @@ void burn_in(const burn_in_request &request)
     if (single) {
         // The run's own verdict, with what the retests found.
         write_retests(request, retests, held);
-        end_with(stop_signal != 0 ? exit_signal_base + stop_signal : last);
+        end_with(burn_in_stop_signal() != 0 ? exit_signal_base + burn_in_stop_signal() : last);
     }
     hardware_report reports =
         compare_reports(before, ras::read_snapshot("", request.ras_database), request.ras_database);
 
-    int status = stop_signal != 0        ? exit_signal_base + stop_signal
+    int status = burn_in_stop_signal() != 0        ? exit_signal_base + burn_in_stop_signal()
                  : found > 0             ? exit_fault_found
                  : last == exit_hung     ? exit_hung
                  : last != exit_passed   ? exit_could_not_test
@@ -420,7 +214,7 @@ void burn_in(const burn_in_request &request)
         }
         put(text, failed.size() > 8 ? ", ...); " : "); ");
     } else if (status >= exit_signal_base) {
-        put_interrupted_by(text, stop_signal);
+        put_interrupted_by(text, burn_in_stop_signal());
         put(text, "; ");
     } else if (status == exit_hung) {
         put(text, "run ", runs, " hung; ");

@@ -10,6 +10,10 @@
 #include "burnin.h"
 #include "cpuset.h"
 #include "dxtsysinfo_ext.h"
+#include "output.h"
+#include "record.h"
+#include "statuses.h"
+#include "summary.h"
 
 namespace dxt {
 

@@ -1,6 +1,5 @@
 // What the harness asks the platform and the information library about the
-// machine before a run: which processors the run tests, which it leaves
-// out and why, and each tested processor's L2 as its worker will take it.
+// machine (machine.h).
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,11 +7,11 @@
 #include <string>
 
 #include "cpuset.h"
+#include "machine.h"
 #include "testinfo.h"
 #include "platform.h"
 #include "platform_ext.h"
 #include "textfile.h"
-#include "verdict.h"
 
 namespace dxt {
 
@@ -152,6 +151,30 @@ machine_description describe_machine()
     for (int cpu : m.tested)
         m.shared_cpus.push_back(dxt_tlib_get_l2_shared_cpus(cpu));
     return m;
+}
+
+l2_geometry announced_l2(int cpu, uint32_t size, uint32_t line, const char *shared_cpus)
+{
+    constexpr const char *defaults = "defaults";
+    l2_geometry g{cpu, size, line, L2_DEFAULT_WAYS, defaults, defaults, defaults, shared_cpus};
+    uint32_t *record = nullptr;
+    if (dxt_tlib_get_cpu_cacheinfo(cpu, &record) != 0)
+        return g;
+    for (int index : {4, 2}) {
+        const uint32_t *d = dxt_tlib_cache_descriptor(record, index);
+        if (d[CACHEINFO_SIZE] != size)
+            continue;
+        const char *source = dxt_tlib_get_cache_source(cpu, index);
+        g.size_source = source;
+        if (d[CACHEINFO_LINE] == line)
+            g.line_source = source;
+        if (d[CACHEINFO_WAYS] != 0) {
+            g.ways = d[CACHEINFO_WAYS];
+            g.ways_source = source;
+        }
+        break;
+    }
+    return g;
 }
 
 }  // namespace dxt

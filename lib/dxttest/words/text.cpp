@@ -1,8 +1,5 @@
-// Assembly of one output line: the time, the severity, the processor, the
-// tag, the number and the text, as plain text or as one JSON object. Every
-// function here is async-signal-safe (no allocation, no locale, no stdio), so
-// the signal handlers build and write their lines with the same code as
-// dxt_message.
+// Text assembled in place (text.h).
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,8 +8,7 @@
 #include <iterator>
 
 #include "cpuset.h"
-#include "dxttest_internal.h"
-#include "testinfo.h"
+#include "text.h"
 
 namespace dxt {
 
@@ -93,20 +89,6 @@ size_t utf8_sequence(std::string_view s, size_t i)
 }
 
 }  // namespace
-
-bool level_shown(display_mode mode, int level, int number)
-{
-    // The usage is shown whenever it is asked for, and a value the test
-    // replaced by its default whenever that happens: even when quiet,
-    // nothing given is changed unsaid.
-    if (number == MSG_USAGE || number == MSG_DEFAULT_TAKEN)
-        return true;
-    if (level >= LVL_DEBUG)
-        return mode.debug;
-    if (mode.quiet)
-        return level >= LVL_FATAL && level <= LVL_STEP_ERROR;
-    return true;
-}
 
 void put(text_buffer &line, std::string_view s)
 {
@@ -284,20 +266,6 @@ void put_cpu_list(text_buffer &line, std::span<const int> ids)
     list.finish();
 }
 
-namespace {
-
-// The level's word, or LEVELn for a level without one.
-void put_severity(text_buffer &line, int level)
-{
-    constexpr const char *words[] = {nullptr, "FATAL", "FAULT", "ERROR", nullptr, nullptr, "USAGE", "INFO", "DEBUG"};
-    if (level > 0 && level < static_cast<int>(std::size(words)) && words[level] != nullptr)
-        put(line, words[level]);
-    else
-        put(line, "LEVEL", level);
-}
-
-}  // namespace
-
 void put_comma(text_buffer &line)
 {
     if (line.length > 0 && line.data[line.length - 1] != '{' && line.data[line.length - 1] != '[')
@@ -329,66 +297,22 @@ void put_text_member(text_buffer &line, std::string_view key, std::string_view v
         put(line, "null");
 }
 
-void put_message_line(text_buffer &line, const message_fields &m, bool json)
+void put_visible_within(text_buffer &line, std::string_view s)
 {
-    if (json) {
-        put(line, "{\"time\":\"");
-        put_utc_time(line, m.time);
-        put_char(line, '"');
-        put_int_member(line, "level", m.level);
-        put_key(line, "severity");
-        put_char(line, '"');
-        put_severity(line, m.level);
-        put_char(line, '"');
-        put_int_member(line, "cpu", m.cpu, !m.main_thread && m.cpu >= 0);
-        put_text_member(line, "thread", m.main_thread ? "main" : "worker");
-        put_text_member(line, "tag", m.tag != nullptr ? m.tag : "", m.tag != nullptr);
-        put_int_member(line, "number", m.number);
-        put_int_member(line, "exit_flag", m.exit_flag);
-        put_text_member(line, "text", m.text);
-        put(line, "}\n");
+    if (text_room_left(line, s.size())) {
+        put_visible(line, s);
         return;
     }
-    // The usage reads as a usage: a person asked for it, not a log.
-    if (m.number == MSG_USAGE && m.exit_flag == 0) {
-        put(line, m.text.substr(0, text_capacity));
-        put_char(line, '\n');
-        return;
-    }
-    put_utc_time(line, m.time);
-    put_char(line, ' ');
-    put_severity(line, m.level);
-    if (m.main_thread) {
-        put(line, " main");
-    } else {
-        put(line, " cpu");
-        if (m.cpu >= 0)
-            put_int(line, m.cpu);
-        else
-            put_char(line, '?');
-    }
-    if (m.tag != nullptr) {
-        put(line, " [", m.tag);
-        put_char(line, ']');
-    }
-    put(line, " #", m.number);
-    put_char(line, ' ');
-    if (text_room_left(line, m.text.size())) {
-        put_visible(line, m.text);
-    } else {
-        size_t room = line.capacity - line.length - cut_mark.size() - closing_room;
-        put_visible(line, m.text.substr(0, room));
-        put(line, cut_mark);
-    }
-    put_char(line, '\n');
+    size_t room = line.capacity - line.length - cut_mark.size() - closing_room;
+    put_visible(line, s.substr(0, room));
+    put(line, cut_mark);
 }
 
-void put_verdict_line(text_buffer &line, const verdict_fields &v)
+long long monotonic_ms()
 {
-    put_utc_time(line, v.time);
-    put(line, " VERDICT ", v.verdict, ": ");
-    put_visible(line, v.text.substr(0, text_capacity));
-    put_char(line, '\n');
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
 }
 
 }  // namespace dxt

@@ -11,9 +11,13 @@
 #include <string_view>
 #include <vector>
 
-#include "dxttest_internal.h"
+#include <signal.h>
+
+#include "command_line.h"
+#include "progress_line.h"
 #include "hardware_reports.h"
-#include "verdict.h"
+#include "run_record.h"
+#include "text.h"
 
 namespace dxt {
 
@@ -30,7 +34,9 @@ struct burn_in_request {
     std::string ras_database = ras::default_database;  // read before the first run and after the last
     std::string metrics = {};  // where the burn-in's result goes for Prometheus; "": nowhere
     const char *program = "";  // for what is said on standard error
+    sigset_t ignored{};        // interrupts ignored when the process started, which stay so
 };
+
 [[noreturn]] void burn_in(const burn_in_request &request);
 
 // How a supervised run ended: its exit status (hung, 4, when it had to be
@@ -43,11 +49,27 @@ struct run_outcome {
     std::string how;       // "was killed by SIGKILL (...)", "hung: ..."; "" when it ended by itself
     std::string held_verdict = {};
 };
+
+// The burn-in's own progress line: its run, and what is left of it.
+struct burn_in_progress {
+    progress_line line;
+    long long run, runs, deadline_ms;  // runs, deadline_ms: 0 when not limited
+
+    void clear();
+    void draw();
+};
+
 // One run of args as a process of its own, bound to cpu (unless -1), its
-// output dropped, its time limited as every run of a burn-in is.
-run_outcome supervised_run(const burn_in_request &request, const std::vector<std::string> &args, int cpu);
-// An interrupt asked the burn-in to stop.
-bool burn_in_stopping();
+// time limited as every run of a burn-in is; with pass_output its lines go
+// through, numbered (unless number is 0), else nowhere.
+run_outcome supervised_run(const burn_in_request &request, const std::vector<std::string> &args, int cpu,
+                           long long number = 0, bool pass_output = false, burn_in_progress *progress = nullptr);
+// From here on an interrupt of the burn-in ends the run in progress as a
+// single run would, and no other starts.
+void stop_runs_on_interrupts(const burn_in_request &request);
+// The interrupt that asked the burn-in to stop; 0: none.
+int burn_in_stop_signal();
+inline bool burn_in_stopping() { return burn_in_stop_signal() != 0; }
 
 // Retests (retest.cpp): for each failure of a run, its subtest `retests`
 // times on the failing processor alone and on each processor sharing its
@@ -57,13 +79,6 @@ void run_retests(const burn_in_request &request, std::span<const failed_run> fai
 // A single run's held verdict, with the retests' summary lines before it
 // (text) or their "retests" in it (JSON).
 void write_retests(const burn_in_request &request, std::span<const retest_result> results, std::string held);
-
-// From the single run's harness, shared with the burn-in.
-void write_output(const text_buffer &text);           // standard output; a loss is noted once
-[[noreturn]] void end_with(int status);               // a pass whose output was lost becomes 3
-bool progress_wanted(display_mode display);           // -q, text, on a terminal that can redraw a line
-bool interrupt_ignored(int sig);                      // ignored when the process started
-void put_interrupted_by(text_buffer &text, int sig);  // "interrupted by SIGTERM"
 
 }  // namespace dxt
 

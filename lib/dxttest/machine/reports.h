@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "dxttest_internal.h"
+#include "text.h"
 #include "hardware_reports.h"
 
 namespace dxt {

@@ -7,7 +7,7 @@
 // Only the -o texts belong to the test; everything else is the harness's.
 #include <getopt.h>
 
-#include "dxttest_internal.h"
+#include "command_line.h"
 
 namespace dxt {
 
@@ -26,29 +26,6 @@ enum long_only_option {
     opt_ras_db,
     opt_metrics,
     opt_failures_fd,
-};
-
-const option long_options[] = {
-    {"options", required_argument, nullptr, 'o'},
-    {"verbose", no_argument, nullptr, 'v'},
-    {"quiet", no_argument, nullptr, 'q'},
-    {"debug", no_argument, nullptr, 'd'},
-    {"json", no_argument, nullptr, opt_json},
-    {"help", no_argument, nullptr, 'h'},
-    {"version", no_argument, nullptr, opt_version},
-    {"duration", required_argument, nullptr, opt_duration},
-    {"runs", required_argument, nullptr, opt_runs},
-    {"keep-going", no_argument, nullptr, opt_keep_going},
-    {"timeout", required_argument, nullptr, opt_timeout},
-    {"retest", required_argument, nullptr, opt_retest},
-    {"describe", no_argument, nullptr, opt_describe},
-    {"sysroot", required_argument, nullptr, opt_sysroot},
-    {"ras-db", required_argument, nullptr, opt_ras_db},
-    {"metrics", required_argument, nullptr, opt_metrics},
-    // A burn-in's own word to its runs, never a person's (so not in the
-    // usage): the pipe that takes each failure of the run's verdict.
-    {"failures-fd", required_argument, nullptr, opt_failures_fd},
-    {nullptr, 0, nullptr, 0},
 };
 
 // Longer than any burn-in anybody runs, and far from overflowing the
@@ -82,6 +59,28 @@ long long positive_amount(const char *text, bool units, long long limit)
 
 command_line parse_command_line(int argc, char **argv)
 {
+    static constexpr option long_options[] = {
+        {"options", required_argument, nullptr, 'o'},
+        {"verbose", no_argument, nullptr, 'v'},
+        {"quiet", no_argument, nullptr, 'q'},
+        {"debug", no_argument, nullptr, 'd'},
+        {"json", no_argument, nullptr, opt_json},
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, opt_version},
+        {"duration", required_argument, nullptr, opt_duration},
+        {"runs", required_argument, nullptr, opt_runs},
+        {"keep-going", no_argument, nullptr, opt_keep_going},
+        {"timeout", required_argument, nullptr, opt_timeout},
+        {"retest", required_argument, nullptr, opt_retest},
+        {"describe", no_argument, nullptr, opt_describe},
+        {"sysroot", required_argument, nullptr, opt_sysroot},
+        {"ras-db", required_argument, nullptr, opt_ras_db},
+        {"metrics", required_argument, nullptr, opt_metrics},
+        // A burn-in's own word to its runs, never a person's (so not in the
+        // usage): the pipe that takes each failure of the run's verdict.
+        {"failures-fd", required_argument, nullptr, opt_failures_fd},
+        {nullptr, 0, nullptr, 0},
+    };
     command_line result;
     bool verbose = false;
     bool help = false;

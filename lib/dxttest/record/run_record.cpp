@@ -1,0 +1,79 @@
+// The judgments every form of a run's end shares (run_record.h).
+#include "run_record.h"
+
+#include <algorithm>
+#include <string>
+
+#include "statuses.h"
+
+namespace dxt {
+
+namespace {
+
+std::vector<int> every_processor(const hardware_report &report)
+{
+    std::vector<int> all;
+    for (const ras::processor_counts &p : report.grew)
+        all.push_back(p.cpu);
+    return all;
+}
+
+bool same_text(const char *a, const char *b) { return std::string_view(a) == b; }
+
+}  // namespace
+
+const char no_memory_reason[] = "the test could not get the memory it needed";
+run_ending ending_of(int status, std::span<const failure_site> failures)
+{
+    if (!failures.empty() && std::none_of(failures.begin(), failures.end(), is_fault))
+        return {exit_could_not_test, no_memory_reason};
+    return {status, verdict_reason(status)};
+}
+
+bool names_new_cpu(std::span<const failure_site> failures, size_t i)
+{
+    if (failures[i].cpu < 0)
+        return false;
+    for (size_t j = 0; j < i; j++)
+        if (failures[j].cpu == failures[i].cpu && failures[j].no_memory == failures[i].no_memory)
+            return false;
+    return true;
+}
+
+bool was_lost(std::span<const left_out_processor> lost, int cpu)
+{
+    for (const left_out_processor &p : lost)
+        if (p.cpu == cpu)
+            return true;
+    return false;
+}
+
+std::vector<std::string> warnings_of(const verdict_record &r)
+{
+    std::vector<std::string> said;
+    if (r.machine != nullptr)
+        for (const left_out_processor &p : r.machine->left_out)
+            if (same_text(p.reason, "offline"))
+                said.push_back("cpu" + std::to_string(p.cpu) +
+                               " is offline, so it was not tested (a processor taken offline after errors is one to "
+                               "check)");
+    if (r.reports == nullptr)
+        return said;
+    std::vector<int> tested;
+    if (r.machine != nullptr)
+        for (int cpu : r.machine->tested)
+            if (!was_lost(r.lost, cpu))
+                tested.push_back(cpu);
+    std::vector<std::string> reported = report_warnings(*r.reports, tested);
+    said.insert(said.end(), reported.begin(), reported.end());
+    return said;
+}
+
+std::vector<std::string> burn_in_warnings(const burn_in_record &r)
+{
+    // A burn-in's warnings speak of every processor: its runs failed for
+    // themselves.
+    return r.reports != nullptr ? report_warnings(*r.reports, every_processor(*r.reports)) : std::vector<std::string>{};
+}
+
+}  // namespace dxt
