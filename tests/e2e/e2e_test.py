@@ -35,6 +35,8 @@ def run(args, binary=None, cpus=None, env=None, ignored=None, stdout=subprocess.
             signal.signal(ignored, signal.SIG_IGN)  # kept across exec, as nohup does
         if close_stdout:
             os.close(1)
+    if (binary or BINARY) == FAULTY and not any(a.startswith("--localise") or a == "--describe" for a in args):
+        args = ["--localise", "0"] + args  # the sweep after a fault has a test of its own
     environment = dict(os.environ, **(env or {}))
     with subprocess.Popen([binary or BINARY] + args, stdout=stdout, stderr=subprocess.PIPE, text=True,
                           env=environment, preexec_fn=child) as p:
@@ -422,8 +424,8 @@ class EndToEnd(unittest.TestCase):
         self.assertLess(v["elapsed_seconds"], 5 + 2.5)
         self.assertEqual(set(v), {"time", "host", "schema_version", "verdict", "exit_status", "text", "options",
                                   "version", "build", "runs", "runs_passed", "runs_failed", "failed_runs",
-                                  "unfinished_runs", "retests", "elapsed_seconds", "machine_checks",
-                                  "hardware_counts", "warnings", "processors", "machine"})
+                                  "unfinished_runs", "retests", "reproducibility", "elapsed_seconds",
+                                  "machine_checks", "hardware_counts", "warnings", "processors", "machine"})
 
     def test_sigint_ends_a_burn_in_with_130_and_its_record(self):
         start = time.monotonic()
@@ -446,7 +448,8 @@ class EndToEnd(unittest.TestCase):
                              env=fault)
         v = record(out)
         self.assertEqual((status, v["runs"], v["runs_failed"]), (1, 3, 3))
-        self.assertEqual(v["failed_runs"][2], {"run": 3, "cpu": cpu, "subtest": "Cache Hit Stress"})
+        self.assertEqual(v["failed_runs"][2], {"run": 3, "cpu": cpu, "subtest": "Cache Hit Stress",
+                                               "localisation": None})
 
     def test_a_planted_fault_decides_the_run_on_every_processor(self):
         """The reviewed table planted_faults.txt: found faults fail the run
@@ -470,7 +473,48 @@ class EndToEnd(unittest.TestCase):
                                                       "worker_status": int(worker_status) if worker_status else None,
                                                       "subtest": subtest, "possible_subtests": [subtest],
                                                       "hung": False, "no_memory": False, "stalled": None,
-                                                      "machine_check": None, "address": None}])
+                                                      "machine_check": None, "address": None,
+                                                      "localisation": None}])
+
+    def test_localisation_tells_each_planted_fault_apart(self):
+        """The reviewed table localised_faults.txt: after the fault, the sweep
+        on the failing processor names the planted word's offset, its bit,
+        stored or read, and the L2 set its physical address implies, in the
+        record, the summary line and the metrics; with nothing planted in its
+        buffer it says the fault was not reproduced."""
+        if not FAULTY:
+            self.skipTest("no fault-model build")
+        args = ["--localise", "30", "-o", "count=1,test_mask=8"]
+        for fault, pattern, offset, bit, kind, count in table("localised_faults.txt", 6):
+            for cpu in CPUS:
+                with self.subTest(fault=fault, cpu=cpu):
+                    env = {"TARNEL_FAULT": f"stuck1,{cpu},0,64,3;" + fault.format(cpu=cpu)}
+                    status, out, _ = run(["--json", "-q"] + args, binary=FAULTY, env=env)
+                    v = record(out)
+                    found, l2 = v["failures"][0]["localisation"], next(g for g in v["l2"] if g["cpu"] == cpu)
+                    self.assertEqual((status, found["ran"], found["pattern"]), (1, True, pattern))
+                    if count:
+                        self.assertEqual(found["miscompares"], int(count))
+                    self.assertEqual(v["failures"][0]["address"], found["records"][0]["address"])
+                    for m in found["records"]:
+                        self.assertEqual((m["offset"], m["bits"], m["class"]), (int(offset), [int(bit)], kind))
+                        self.assertEqual(int(m["xor"], 16), 1 << int(bit))
+                        self.assertEqual(int(m["actual"], 16), int(m["expected"], 16) ^ int(m["xor"], 16))
+                        sets = l2["size"] // (l2["line"] * l2["ways"])
+                        if m["physical"] is None:  # not root
+                            self.assertEqual((m["l2_set"], m["physical_why"]),
+                                             (None, "page frames are shown only with CAP_SYS_ADMIN"))
+                        else:
+                            self.assertEqual(m["l2_set"], int(m["physical"], 16) // l2["line"] % sets)
+            with tempfile.TemporaryDirectory() as tmp:
+                status, out, _ = run(["-q", "--metrics", f"{tmp}/t.prom"] + args, binary=FAULTY, env=env)
+                self.assertRegex(out, rf"SUMMARY localisation on cpu{cpu}: {pattern} at (physical 0x[0-9a-f]+ "
+                                      rf"\(L2 set [0-9]+\)|offset {offset} .*), {kind}; ")
+                with open(f"{tmp}/t.prom") as metrics:
+                    self.assertRegex(metrics.read(), rf'tarneltest_localised_miscompares{{cpu="{cpu}"}} [1-9]')
+        status, out, _ = run(["-q", "--localise", "1", "-o", "count=1,test_mask=8"], binary=FAULTY,
+                             env={"TARNEL_FAULT": f"stuck1,{cpu},0,64,3"})
+        self.assertRegex(out, rf"SUMMARY localisation on cpu{cpu}: not reproduced in 1\.[0-9] s ")
 
     def test_a_stalled_worker_ends_the_run_as_hung(self):
         """A worker stopped for ever ends the run at --timeout with HUNG and 4,
@@ -550,12 +594,23 @@ class EndToEnd(unittest.TestCase):
         env = {"TARNEL_FAULT": f"stuck1,{cpu},2,24,3"}
         status, out, _ = run(["-q", "--retest", "3", "-o", "count=1,test_mask=16"], binary=FAULTY, env=env)
         self.assertEqual(status, 1)
-        self.assertRegex(out, rf" SUMMARY retest: cpu{cpu} Cache Hit Stress failed 3 of 3.*\n.* VERDICT FAIL: ")
+        self.assertRegex(out, rf" SUMMARY retest: cpu{cpu} Cache Hit Stress failed 3 of 3.*\n.* SUMMARY "
+                              rf"reproducibility of cpu{cpu}: failed 4 of 4, reproduced on this processor alone\n"
+                              ".* VERDICT FAIL: ")
         status, out, _ = run(["--json", "-q", "--retest", "2", "-o", "count=1,test_mask=16"], binary=FAULTY, env=env)
         v = record(out)
         self.assertEqual((status, v["verdict"]), (1, "fault"))
         self.assertEqual(v["retests"][0], {"cpu": cpu, "failing_cpu": cpu, "subtest": "Cache Hit Stress", "runs": 2,
                                            "failed": 2, "passed": 0, "could_not_test": 0})
+        # Each sweep, the run's and the retest's, localises the bit planted in its buffer. The
+        # Cache Hit test's freed blocks may become the sweep's, their planted bit with them.
+        env = {"TARNEL_FAULT": f"stuck1,{cpu},0,64,3;stuck1,{cpu},sweep,4100,3"}
+        status, out, _ = run(["--json", "-q", "--retest", "1", "--localise", "30", "-o", "count=1,test_mask=8"],
+                             binary=FAULTY, env=env)
+        found = record(out)["reproducibility"]
+        self.assertEqual([(r["cpu"], r["failed"], r["runs"], r["verdict"]) for r in found],
+                         [(cpu, 2, 2, "reproduced on this processor alone")])
+        self.assertEqual([w[:21] for w in found[0]["localisation"]], ["bit 35 stuck at 1 at "] * 2)
 
     def test_metrics_as_node_exporter_serves_them(self):
         """--metrics, served by Debian's node_exporter (its textfile collector

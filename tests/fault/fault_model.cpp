@@ -16,7 +16,7 @@
 namespace fault {
 namespace {
 
-enum kind { STUCK, LOST, ALIAS, COUPLING, STALL };
+enum kind { STUCK, LOST, ALIAS, COUPLING, STALL, FLIP_ONCE };
 
 struct planted {
     kind what;
@@ -25,6 +25,7 @@ struct planted {
     int value;
     uintptr_t other;
     int cpu = -1;  // a fault in one processor's cache shows only there; -1: everywhere
+    int used = 0;  // a flip_once that happened
 };
 
 // The processor whose allocation is being planted in (in_allocation with a
@@ -93,12 +94,15 @@ volatile uint8_t &cell_at(uintptr_t cell) { return *reinterpret_cast<volatile ui
 
 // Every planting asked for, each with its own count of blocks seen.
 std::vector<std::function<void(void *, size_t)>> plantings;
+// And those in the localisation sweep's buffer, by processor.
+std::vector<std::pair<int, std::function<void(char *, size_t)>>> sweep_plantings;
 
 void reset()
 {
     fault_count = 0;
     watcher = nullptr;
     plantings.clear();
+    sweep_plantings.clear();
     fake::on_memalign(nullptr);
 }
 
@@ -120,6 +124,10 @@ void coupling(void *aggressor, void *victim, int bit)
 }
 
 void stall(void *word) { plant({STALL, reinterpret_cast<uintptr_t>(word), 0, 0, 0}); }
+
+void flip_once(void *word, int bit) { plant({FLIP_ONCE, reinterpret_cast<uintptr_t>(word), bit, 0, 0}); }
+
+void in_sweep(int cpu, std::function<void(char *, size_t)> plant) { sweep_plantings.emplace_back(cpu, plant); }
 
 void in_allocation(int nth, std::function<void(char *, size_t)> plant, int cpu)
 {
@@ -161,6 +169,14 @@ uint64_t l2_fault_load(const void *addr, unsigned width)
         uintptr_t cell = physical(reinterpret_cast<uintptr_t>(addr) + i);
         value |= static_cast<uint64_t>(with_stuck_bits(cell, cell_at(cell))) << (8 * i);
     }
+    auto first = reinterpret_cast<uintptr_t>(addr);
+    for (int i = 0; i < fault_count.load(); i++) {
+        planted &f = planted_faults[i];
+        uintptr_t cell = f.word + static_cast<unsigned>(f.bit) / 8;
+        if (f.what == FLIP_ONCE && cell >= first && cell < first + width && shows(f) &&
+            __atomic_exchange_n(&f.used, 1, __ATOMIC_RELAXED) == 0)
+            value ^= uint64_t{1} << (8 * (cell - first) + static_cast<unsigned>(f.bit) % 8);
+    }
     if (watcher)
         watcher(addr, width, false, value);
     return value;
@@ -190,4 +206,15 @@ void l2_fault_store(void *addr, unsigned width, uint64_t value)
         uintptr_t cell = f->other + static_cast<unsigned>(f->bit) / 8;
         cell_at(cell) = cell_at(cell) ^ static_cast<uint8_t>(1u << (f->bit % 8));
     }
+}
+
+// The harness's localisation sweep tells the fault model where its buffer is.
+void l2_fault_sweep_buffer(void *block, size_t length, int cpu)
+{
+    for (const auto &[on, plant] : sweep_plantings)
+        if (on == cpu) {
+            planting_for = cpu;
+            plant(static_cast<char *>(block), length);
+            planting_for = -1;
+        }
 }

@@ -25,6 +25,9 @@ void alias(void *word, void *other);
 void coupling(void *aggressor, void *victim, int bit);
 // An access to the word never ends, as on a processor that stopped.
 void stall(void *word);
+// The next load of the word reads the bit flipped; the word itself, and
+// every later load, keep the right value (a read that went wrong once).
+void flip_once(void *word, int bit);
 // Calls `plant` with the nth block (0 = the next) that memalign hands out
 // from now on, so a test can place a fault in a buffer a subtest allocates;
 // with a processor, only blocks allocated by threads running on it count
@@ -34,6 +37,9 @@ void in_allocation(int nth, std::function<void(char *block, size_t length)> plan
 // alias), the width, the direction and the value (stored, or loaded) of
 // every access from now on, until reset(); for measuring which words a
 // subtest touches and recording what it writes.
+// Calls `plant` with the buffer of the harness's localisation sweep on that
+// processor, when the sweep allocates it.
+void in_sweep(int cpu, std::function<void(char *block, size_t length)> plant);
 using access_watch = std::function<void(const void *address, unsigned width, bool store, uint64_t value)>;
 void on_access(access_watch watch);
 

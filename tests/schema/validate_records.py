@@ -18,7 +18,9 @@ from jsonschema import Draft202012Validator, RefResolver
 
 SCHEMAS, BINARY, FAULTY, SYSROOT = sys.argv[1:5]
 BASE = "file://" + os.path.abspath(SCHEMAS) + "/"  # the schemas name each other by file name
-FAULT = {"TARNEL_FAULT": "stuck1,%d,0,64,3" % max(os.sched_getaffinity(0))}
+# A bit stuck in the Write/Read/Verify test's buffer, and one in the sweep's
+# that localises it.
+FAULT = {"TARNEL_FAULT": "stuck1,{0},0,64,3;stuck1,{0},sweep,4100,3".format(max(os.sched_getaffinity(0)))}
 
 
 def errors(kind, record):
@@ -70,6 +72,7 @@ for what, kind, verdict, args, binary, env, after in KINDS:
 PLANTED = [
     ("fault", lambda r: r.update(exit_status=0), "a verdict its exit status contradicts"),
     ("fault", lambda r: r["failures"][0].update(subtest="Cache Stress"), "a subtest that does not exist"),
+    ("fault", lambda r: r["failures"][0]["localisation"]["records"][0].update(bits=[64]), "a bit past 63"),
     ("pass", lambda r: r.update(processors_tested=r["tested_cpus"]), "a key the schema does not name"),
     ("failing burn-in", lambda r: r["failed_runs"][0].pop("cpu"), "a failed run without its processor"),
     ("describe", lambda r: r["processors"][0].update(microcode=101), "microcode not in hex"),

@@ -168,7 +168,9 @@ void show_version(const run_state &run)
     for (auto [on, flag] : {std::pair{run.display.quiet, "-q"}, {run.display.debug, "-d"}, {run.display.json, "--json"}})
         if (on)
             request.run_args.push_back(flag);
-    request.run_args.insert(request.run_args.end(), {"--timeout", std::to_string(line.timeout_seconds)});
+    request.run_args.insert(request.run_args.end(), {"--timeout", std::to_string(line.timeout_seconds), "--localise",
+                                                     std::to_string(line.localise_seconds)});
+    request.localise_seconds = line.localise_seconds;
     if (!line.ras_database.empty()) {
         request.ras_database = line.ras_database;
         request.run_args.insert(request.run_args.end(), {"--ras-db", line.ras_database});

@@ -5,6 +5,7 @@
 
 #include "testinfo.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
@@ -150,6 +151,15 @@ void put_run_metrics(text_buffer &out, const verdict_record &r)
             put_cpu_sample(out, "tarneltest_cpu_offline", cpu, 0);
         for (const left_out_processor &p : r.machine->left_out)
             put_cpu_sample(out, "tarneltest_cpu_offline", p.cpu, std::string_view(p.reason) == "offline");
+    }
+    bool localised = std::any_of(r.failures.begin(), r.failures.end(), [](const auto &f) { return f.localised; });
+    if (localised) {
+        put_family(out, "tarneltest_localised_miscompares",
+                   "Miscompares the sweep after the fault found on the processor.");
+        for (size_t i = 0; i < r.failures.size(); i++)
+            if (r.failures[i].localised != nullptr && names_new_cpu(r.failures, i))
+                put_cpu_sample(out, "tarneltest_localised_miscompares", r.failures[i].cpu,
+                               r.failures[i].localised->misses);
     }
     put_reports(out, r.reports);
 }

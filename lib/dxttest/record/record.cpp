@@ -3,24 +3,12 @@
 
 #include <cstring>
 
+#include "localised.h"
 #include "statuses.h"
 
 namespace dxt {
 
 namespace {
-
-// "key":"0x1c2e", or null when not known.
-void put_hex_member(text_buffer &out, std::string_view key, unsigned long long value, bool known)
-{
-    put_key(out, key);
-    if (!known) {
-        put(out, "null");
-        return;
-    }
-    put(out, "\"");
-    put_hex(out, value);
-    put(out, "\"");
-}
 
 void put_failure_json(text_buffer &out, const failure_site &f)
 {
@@ -41,6 +29,11 @@ void put_failure_json(text_buffer &out, const failure_site &f)
     put_text_member(out, "stalled", f.stalled != nullptr ? f.stalled : "", f.stalled != nullptr);
     put_text_member(out, "machine_check", f.machine_check != nullptr ? f.machine_check : "", f.machine_check != nullptr);
     put_hex_member(out, "address", f.address, f.address_known);
+    put_key(out, "localisation");
+    if (f.localised != nullptr)
+        put_localisation_json(out, *f.localised);
+    else
+        put(out, "null");
     put(out, "}");
 }
 
@@ -127,7 +120,7 @@ size_t verdict_room(const verdict_record &r)
     size_t names = 0;
     for (const subtest &s : subtests())
         names += 12 * strlen(s.name) + 16;
-    room += r.failures.size() * (512 + names);
+    room += r.failures.size() * (512 + names + 1024 + loc::kept_misses * 1024);
     if (r.reports != nullptr)
         room += report_room(*r.reports);
     return room + identity_room(r.processors);
@@ -225,7 +218,12 @@ size_t burn_in_room(const burn_in_record &r)
 {
     size_t names = 0;
     for (const failed_run &f : r.failed_runs)
-        names += 160 + 6 * f.subtest.size();
+        names += 160 + 6 * (f.subtest.size() + f.localisation.size());
+    for (const reproduction &p : r.reproducibility) {
+        names += 160 + 80 * p.sharers.size();
+        for (const std::string &l : p.localisation)
+            names += 8 + 6 * l.size();
+    }
     for (const unfinished_run &u : r.unfinished)
         names += 160 + 6 * u.how.size();
     for (const retest_result &t : r.retests)
@@ -251,6 +249,7 @@ void put_burn_in_record(text_buffer &out, const burn_in_record &r)
         put_int_member(out, "run", f.run);
         put_int_member(out, "cpu", f.cpu, f.cpu >= 0);
         put_text_member(out, "subtest", f.subtest, !f.subtest.empty());
+        put_text_member(out, "localisation", f.localisation, !f.localisation.empty());
         put(out, "}");
     }
     put(out, "],\"unfinished_runs\":[");
@@ -264,6 +263,7 @@ void put_burn_in_record(text_buffer &out, const burn_in_record &r)
     }
     put(out, "]");
     put_retests_json(out, r.retests);
+    put_reproducibility_json(out, r.reproducibility);
     put_key(out, "elapsed_seconds");
     put_seconds(out, r.elapsed_ms);
     if (r.reports != nullptr) {

@@ -76,4 +76,39 @@ std::vector<std::string> burn_in_warnings(const burn_in_record &r)
     return r.reports != nullptr ? report_warnings(*r.reports, every_processor(*r.reports)) : std::vector<std::string>{};
 }
 
+std::vector<reproduction> reproducibility_of(std::span<const failed_run> failed, long long runs,
+                                             std::span<const retest_result> retests)
+{
+    std::vector<reproduction> out;
+    for (const failed_run &f : failed) {
+        if (f.cpu < 0 || std::any_of(out.begin(), out.end(), [&](const auto &r) { return r.cpu == f.cpu; }))
+            continue;
+        reproduction r{f.cpu, 0, runs, {}, {}, "not reproduced"};
+        for (const failed_run &g : failed)
+            if (g.cpu == f.cpu) {
+                r.failed++;
+                if (!g.localisation.empty())
+                    r.localisation.push_back(g.localisation);
+            }
+        bool sharers_failed = false;
+        for (const retest_result &t : retests) {
+            if (t.failing_cpu != f.cpu)
+                continue;
+            if (t.cpu == f.cpu) {
+                r.failed += t.failed;
+                r.runs += t.runs;
+                if (!t.localisation.empty())
+                    r.localisation.push_back(t.localisation);
+            } else {
+                r.sharers.push_back(&t);
+                sharers_failed = sharers_failed || t.failed > 0;
+            }
+        }
+        if (r.failed > 1)
+            r.verdict = sharers_failed ? "reproduced across its L2" : "reproduced on this processor alone";
+        out.push_back(r);
+    }
+    return out;
+}
+
 }  // namespace dxt

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "localise.h"
 #include "machine.h"
 #include "reports.h"
 #include "subtests.h"
@@ -20,7 +21,7 @@
 namespace dxt {
 
 // The record's layout; raised when a key changes meaning or goes away.
-constexpr int verdict_schema_version = 3;
+constexpr int verdict_schema_version = 4;
 
 // Where a run failed.
 struct failure_site {
@@ -38,6 +39,7 @@ struct failure_site {
     // test what it was meant to.
     bool no_memory = false;
     const char *stalled = nullptr;  // what hung when no worker did: "the main thread, ..."
+    const loc::finding *localised = nullptr;  // the sweep of its processor after the fault; nullptr: none
 };
 
 // Whether a site is a fault of the hardware (a miscompare, a hang, a
@@ -101,6 +103,7 @@ struct failed_run {
     long long run;
     int cpu;              // -1: not known
     std::string subtest;  // "": not known
+    std::string localisation = {};  // what the run's sweep of that processor said; "": none
 };
 
 // A run that ended without saying so itself: killed by a signal nobody here
@@ -117,7 +120,20 @@ struct retest_result {
     int failing_cpu;      // the processor whose failure it retests (cpu, or one sharing its L2)
     std::string subtest;  // "": every subtest the run selected
     int runs = 0, failed = 0, passed = 0;  // the rest could not test
+    std::string localisation = {};  // what the sweep of the first failing retest said; "": none
 };
+// How a fault repeated on its processor, over the runs and the retests: the
+// classification a fleet acts on.
+struct reproduction {
+    int cpu;
+    long long failed, runs;  // the runs and the retests on this processor alone
+    std::vector<const retest_result *> sharers;  // the retests on the processors sharing its L2
+    std::vector<std::string> localisation;       // what each sweep of it said, the run's first
+    const char *verdict;  // "reproduced on this processor alone", "reproduced across its L2", "not reproduced"
+};
+// One for each processor the failed runs name, in their order.
+std::vector<reproduction> reproducibility_of(std::span<const failed_run> failed, long long runs,
+                                             std::span<const retest_result> retests);
 
 struct burn_in_record {
     long long time;
@@ -140,6 +156,7 @@ struct burn_in_record {
     std::string_view build = {};
     std::span<const processor_entry> processors = {};
     const machine_entry *host_identity = nullptr;
+    std::span<const reproduction> reproducibility = {};
 };
 
 // Its warnings, of every processor its runs reported on.

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "cpuset.h"
+#include "localised.h"
 #include "message_line.h"
 #include "statuses.h"
 
@@ -36,11 +37,6 @@ void put_subtest_names(text_buffer &out, const subtest_set &set, const char *sep
         put(out, subtests()[static_cast<size_t>(set.index[i])].name);
     }
 }
-void start_summary_line(text_buffer &out, long long time)
-{
-    put_utc_time(out, time);
-    put(out, " SUMMARY ");
-}
 constexpr char left_out_reasons[][20] = {"offline", "not-allowed", "thread-not-created", "not-bound",
                                             "cut-short"};
 
@@ -58,14 +54,14 @@ const char *reason_text(const char *reason)
 }
 void put_processor_lines(text_buffer &out, const verdict_record &r)
 {
-    start_summary_line(out, r.time);
+    put_summary_start(out, r.time);
     if (!r.version.empty())
         put(out, "version ", r.version, ", build ", r.build, ", ");
     put(out, "sub-options \"");
     put_visible(out, r.options);
     put(out, "\"\n");
 
-    start_summary_line(out, r.time);
+    put_summary_start(out, r.time);
     put(out, "processors tested: ");
     cpu_list_writer tested = list_into(out);
     for (int cpu : r.machine->tested)
@@ -101,7 +97,7 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
             seen = same_geometry(*h, g);
         if (seen)
             continue;
-        start_summary_line(out, r.time);
+        put_summary_start(out, r.time);
         put(out, "L2 of cpu ");
         cpu_list_writer ids = list_into(out);
         for (const l2_geometry &h : r.l2)
@@ -118,7 +114,7 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
 
     if (r.l2.empty())
         return;
-    start_summary_line(out, r.time);
+    put_summary_start(out, r.time);
     bool shared = false;
     bool unknown = false;
     for (const l2_geometry &g : r.l2) {
@@ -140,7 +136,7 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
 void put_failure_line(text_buffer &out, long long time, const failure_site &f,
                       std::span<const processor_entry> processors)
 {
-    start_summary_line(out, time);
+    put_summary_start(out, time);
     put(out, f.no_memory ? "not tested for lack of memory on " : "failure on ");
     if (f.cpu >= 0) {
         put(out, "cpu", f.cpu);
@@ -176,6 +172,7 @@ void put_failure_line(text_buffer &out, long long time, const failure_site &f,
     }
     put(out, ")\n");
 }
+
 const processor_entry *entry_of(std::span<const processor_entry> processors, int cpu)
 {
     for (const processor_entry &p : processors)
@@ -279,8 +276,15 @@ void put_verdict_block(text_buffer &out, const verdict_record &r, bool quiet)
         put_processor_lines(out, r);
     for (const failure_site &f : r.failures)
         put_failure_line(out, r.time, f, r.processors);
+    for (const failure_site &f : r.failures) {
+        bool said = false;
+        for (const failure_site *g = r.failures.data(); g != &f; g++)
+            said = said || g->localised == f.localised;
+        if (f.localised != nullptr && !said)
+            put_localisation_line(out, r.time, *f.localised);
+    }
     for (const std::string &warning : warnings_of(r)) {
-        start_summary_line(out, r.time);
+        put_summary_start(out, r.time);
         put(out, "WARNING: ", warning, "\n");
     }
     put_verdict_line(out, {r.time, verdict_word(r.exit_status), r.text});
@@ -309,8 +313,12 @@ void put_pass_text(text_buffer &out, std::string_view test, const machine_descri
 }
 void put_failure_brief(text_buffer &out, const failure_site &f)
 {
-    put(out, f.cpu, "\t", f.subtests.count == 1 ? subtest_name(f.subtests.index[0]) : "", "\n");
+    put(out, f.cpu, "\t", f.subtests.count == 1 ? subtest_name(f.subtests.index[0]) : "", "\t");
+    if (f.localised != nullptr)
+        put_localisation_words(out, *f.localised);
+    put(out, "\n");
 }
+
 void put_geometry_text(text_buffer &out, const l2_geometry &g)
 {
     put(out, "L2 of cpu", g.cpu, ": ", g.size, " bytes (", g.size_source, "), ", g.line, "-byte lines (");
@@ -335,33 +343,36 @@ void put_retest_text(text_buffer &out, std::span<const retest_result> results)
 }
 void put_burn_in_block(text_buffer &out, const burn_in_record &r)
 {
-    start_summary_line(out, r.time);
+    put_summary_start(out, r.time);
     put(out, "burn-in: ", r.runs, r.runs == 1 ? " run, " : " runs, ", r.runs_passed, " passed, ", r.runs_failed);
     put(out, " found a fault\n");
     for (const failed_run &f : r.failed_runs) {
-        start_summary_line(out, r.time);
+        put_summary_start(out, r.time);
         put(out, "run ", f.run, " found a fault");
         if (f.cpu >= 0)
             put(out, " on cpu", f.cpu);
         if (!f.subtest.empty())
             put(out, " in ", f.subtest);
+        if (!f.localisation.empty())
+            put(out, "; localisation: ", f.localisation);
         put(out, "\n");
     }
     for (const unfinished_run &u : r.unfinished) {
-        start_summary_line(out, r.time);
+        put_summary_start(out, r.time);
         put(out, "run ", u.run, " ", u.how, "\n");
     }
     if (!r.retests.empty()) {
-        start_summary_line(out, r.time);
+        put_summary_start(out, r.time);
         put(out, "retest: ");
         put_retest_text(out, r.retests);
         put(out, "\n");
     }
+    put_reproducibility_text(out, r.time, r.reproducibility);
     for (const std::string &warning : burn_in_warnings(r)) {
-        start_summary_line(out, r.time);
+        put_summary_start(out, r.time);
         put(out, "WARNING: ", warning, "\n");
     }
-    start_summary_line(out, r.time);
+    put_summary_start(out, r.time);
     put(out, "elapsed ");
     put_duration(out, r.elapsed_ms);
     put(out, "\n");

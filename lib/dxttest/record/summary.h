@@ -31,9 +31,10 @@ void put_part(text_buffer &out, std::span<const processor_entry> processors, int
 // processors in 2.0 s; left out: cpu0 (outside the allowed CPU set)".
 void put_pass_text(text_buffer &out, std::string_view test, const machine_description &m, long long elapsed_ms);
 
-// One failure for a burn-in's parent: "<cpu>\t<subtest>\n" (-1 and "" when
-// not known).
+// One failure for a burn-in's parent: "<cpu>\t<subtest>\t<localisation>\n"
+// (-1 and "" when not known).
 void put_failure_brief(text_buffer &out, const failure_site &f);
+
 
 // The debug line of one processor's geometry, every value with its source.
 void put_geometry_text(text_buffer &out, const l2_geometry &g);

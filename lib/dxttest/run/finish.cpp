@@ -5,6 +5,7 @@
 #include <new>
 #include <string>
 
+#include "localisation.h"
 #include "record.h"
 #include "statuses.h"
 #include "summary.h"
@@ -174,6 +175,9 @@ void finish(run_state &run, const run_end &e)
     }
     // Kernels skipped for want of memory were work the run did not do.
     std::vector<failure_site> failures(e.failures.begin(), e.failures.end());
+    std::vector<loc::finding> localised;
+    if (e.status == exit_fault_found)
+        localise_faults(run, failures, localised);
     for (const failure_site &s : skipped_so_far(run.workers))
         if (!std::any_of(failures.begin(), failures.end(), [&](const auto &f) { return f.no_memory && f.cpu == s.cpu; }))
             failures.push_back(s);

@@ -19,6 +19,7 @@ run_state &new_run(const command_line &line, const char *program, const char *op
     run->options_text = options_text;
     run->given_options = line.subopts;
     run->timeout_ms = line.timeout_seconds * 1000;
+    run->localise_ms = line.localise_seconds * 1000;
     if (!line.ras_database.empty())
         run->ras_database = line.ras_database;
     if (!line.metrics.empty())

@@ -45,6 +45,7 @@ struct run_state {
     std::string given_options;      // the -o text as given, for the verdict
     long long started_ms = 0;       // CLOCK_MONOTONIC
     long long timeout_ms = default_timeout_seconds * 1000;  // the watchdog's limit
+    long long localise_ms = default_localise_seconds * 1000;  // each failing processor's sweep; 0: none
     int failures_fd = -1;  // a burn-in's run: where its failures also go; -1: not one
     std::string ras_database = ras::default_database;
     metrics_file metrics_target;  // --metrics; "": nowhere
@@ -73,6 +74,7 @@ struct run_state {
     char *metrics_storage = nullptr;
     size_t metrics_capacity = 0;
     std::atomic<bool> metrics_written{false};
+    std::atomic<bool> localised{false};  // the sweep after a fault ran, or runs: once per run
 };
 
 // The run of this process, for those that cannot be handed it: the signal

@@ -60,11 +60,8 @@ namespace {
 void note_failures(const std::string &failures, long long run, std::vector<failed_run> &failed)
 {
     size_t before = failed.size();
-    for (size_t at = 0, end; (end = failures.find('\n', at)) != std::string::npos; at = end + 1) {
-        size_t tab = failures.find('\t', at);
-        if (tab < end)
-            failed.push_back({run, std::atoi(failures.c_str() + at), failures.substr(tab + 1, end - tab - 1)});
-    }
+    for (const failed_run &f : runs_failures(failures, run))
+        failed.push_back(f);
     if (failed.size() == before)
         failed.push_back({run, -1, ""});
 }
@@ -180,7 +177,7 @@ void burn_in(const burn_in_request &request)
     progress.clear();
     if (single) {
         // The run's own verdict, with what the retests found.
-        write_retests(request, retests, held);
+        write_retests(request, failed, retests, held);
         end_with(burn_in_stop_signal() != 0 ? exit_signal_base + burn_in_stop_signal() : last);
     }
     hardware_report reports =
@@ -199,6 +196,8 @@ void burn_in(const burn_in_request &request)
     burn_in_record record{time(nullptr), status,  elapsed,    "",      runs,    passed,   found,
                           failed,        &reports, request.host, unfinished, retests, counted, request.subopts,
                           dxt_test_version, TARNEL_BUILD, processors, &host};
+    std::vector<reproduction> reproducibility = reproducibility_of(failed, runs, retests);
+    record.reproducibility = reproducibility;
     // A pass that cannot reach the monitoring is no pass.
     int metrics_error = write_burn_in_metrics(request, record, machine.tested);
     bool metrics_lost = metrics_error != 0 && status == exit_passed;

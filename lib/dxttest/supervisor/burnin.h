@@ -35,6 +35,7 @@ struct burn_in_request {
     std::string metrics = {};  // where the burn-in's result goes for Prometheus; "": nowhere
     const char *program = "";  // for what is said on standard error
     sigset_t ignored{};        // interrupts ignored when the process started, which stay so
+    long long localise_seconds = default_localise_seconds;  // each run's sweep after a fault
 };
 
 [[noreturn]] void burn_in(const burn_in_request &request);
@@ -64,6 +65,9 @@ struct burn_in_progress {
 // through, numbered (unless number is 0), else nowhere.
 run_outcome supervised_run(const burn_in_request &request, const std::vector<std::string> &args, int cpu,
                            long long number = 0, bool pass_output = false, burn_in_progress *progress = nullptr);
+// The failures a run told its supervisor, one "<cpu>\t<subtest>\t<localisation>"
+// line each.
+std::vector<failed_run> runs_failures(const std::string &failures, long long run);
 // From here on an interrupt of the burn-in ends the run in progress as a
 // single run would, and no other starts.
 void stop_runs_on_interrupts(const burn_in_request &request);
@@ -78,7 +82,8 @@ void run_retests(const burn_in_request &request, std::span<const failed_run> fai
                  std::vector<retest_result> &results);
 // A single run's held verdict, with the retests' summary lines before it
 // (text) or their "retests" in it (JSON).
-void write_retests(const burn_in_request &request, std::span<const retest_result> results, std::string held);
+void write_retests(const burn_in_request &request, std::span<const failed_run> failures,
+                   std::span<const retest_result> results, std::string held);
 
 }  // namespace dxt
 

@@ -10,6 +10,7 @@
 #include "burnin.h"
 #include "cpuset.h"
 #include "dxtsysinfo_ext.h"
+#include "localised.h"
 #include "output.h"
 #include "record.h"
 #include "statuses.h"
@@ -53,7 +54,8 @@ void run_retests(const burn_in_request &request, std::span<const failed_run> fai
             subopts += std::to_string(bit);
         }
         std::vector<std::string> args = {request.run_args[0], "--json", "-q", "--timeout",
-                                         std::to_string(request.run_timeout_seconds), "-o", subopts};
+                                         std::to_string(request.run_timeout_seconds), "--localise",
+                                         std::to_string(request.localise_seconds), "-o", subopts};
         for (int cpu : targets) {
             bool seen = std::any_of(results.begin(), results.end(), [&](const retest_result &r) {
                 return r.cpu == cpu && r.subtest == f.subtest;
@@ -65,6 +67,9 @@ void run_retests(const burn_in_request &request, std::span<const failed_run> fai
                 run_outcome outcome = supervised_run(request, args, cpu);
                 r.runs++;
                 r.failed += outcome.status == exit_fault_found;
+                for (const failed_run &again : runs_failures(outcome.failures, 0))
+                    if (again.cpu == cpu && r.localisation.empty())
+                        r.localisation = again.localisation;
                 r.passed += outcome.status == exit_passed;
             }
             results.push_back(r);
@@ -72,15 +77,22 @@ void run_retests(const burn_in_request &request, std::span<const failed_run> fai
     }
 }
 
-void write_retests(const burn_in_request &request, std::span<const retest_result> results, std::string held)
+void write_retests(const burn_in_request &request, std::span<const failed_run> failures,
+                   std::span<const retest_result> results, std::string held)
 {
     if (held.empty())
         return;
-    std::vector<char> storage(4096 + results.size() * (400 + 64));
+    std::vector<reproduction> found = reproducibility_of(failures, 1, results);
+    size_t room = 4096 + results.size() * (400 + 64);
+    for (const reproduction &r : found)
+        for (const std::string &l : r.localisation)
+            room += 64 + 6 * l.size();
+    std::vector<char> storage(room + 400 * found.size());
     text_buffer lines{storage.data(), storage.size()};
     if (request.display.json) {
         if (!results.empty() && held.size() >= 2) {
             put_retests_json(lines, results);
+            put_reproducibility_json(lines, found);
             held.insert(held.size() - 2, lines.data, lines.length);  // before the closing "}\n"
         }
         write_output({held.data(), held.size(), held.size()});
@@ -91,6 +103,7 @@ void write_retests(const burn_in_request &request, std::span<const retest_result
         put(lines, " SUMMARY retest: ");
         put_retest_text(lines, results);
         put(lines, "\n");
+        put_reproducibility_text(lines, time(nullptr), found);
     }
     put(lines, held);
     write_output(lines);

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -218,5 +219,20 @@ void stop_runs_on_interrupts(const burn_in_request &request)
 }
 
 int burn_in_stop_signal() { return stop.signal; }
+
+std::vector<failed_run> runs_failures(const std::string &failures, long long run)
+{
+    std::vector<failed_run> found;
+    for (size_t at = 0, end; (end = failures.find('\n', at)) != std::string::npos; at = end + 1) {
+        size_t tab = failures.find('\t', at), second = failures.find('\t', tab + 1);
+        if (tab >= end)
+            continue;
+        if (second > end)
+            second = end;
+        found.push_back({run, std::atoi(failures.c_str() + at), failures.substr(tab + 1, second - tab - 1),
+                         second < end ? failures.substr(second + 1, end - second - 1) : ""});
+    }
+    return found;
+}
 
 }  // namespace dxt

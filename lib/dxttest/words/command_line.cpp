@@ -2,10 +2,12 @@
 //   tarneltest [-o SUBOPTIONS] [-v | -q] [-d] [--json]
 //              [--duration TIME] [--runs N] [--keep-going] [--timeout TIME]
 //              [--retest N] [--ras-db PATH] [--metrics FILE] [--describe]
-//              [--sysroot DIR]
+//              [--sysroot DIR] [--localise TIME]
 //              [-h] [--version]
 // Only the -o texts belong to the test; everything else is the harness's.
 #include <getopt.h>
+
+#include <string_view>
 
 #include "command_line.h"
 
@@ -26,6 +28,7 @@ enum long_only_option {
     opt_ras_db,
     opt_metrics,
     opt_failures_fd,
+    opt_localise,
 };
 
 // Longer than any burn-in anybody runs, and far from overflowing the
@@ -76,6 +79,7 @@ command_line parse_command_line(int argc, char **argv)
         {"sysroot", required_argument, nullptr, opt_sysroot},
         {"ras-db", required_argument, nullptr, opt_ras_db},
         {"metrics", required_argument, nullptr, opt_metrics},
+        {"localise", required_argument, nullptr, opt_localise},
         // A burn-in's own word to its runs, never a person's (so not in the
         // usage): the pipe that takes each failure of the run's verdict.
         {"failures-fd", required_argument, nullptr, opt_failures_fd},
@@ -96,7 +100,7 @@ command_line parse_command_line(int argc, char **argv)
     std::string run_option;
     while ((c = getopt_long(argc, argv, "+:o:vqdh", long_options, nullptr)) != -1) {
         if (run_option.empty() && (c == 'o' || c == opt_duration || c == opt_runs || c == opt_keep_going ||
-                                   c == opt_timeout || c == opt_retest || c == opt_ras_db))
+                                   c == opt_timeout || c == opt_retest || c == opt_ras_db || c == opt_localise))
             run_option = argv[optind - 1][1] == '-' ? argv[optind - 1] : "-o";
         switch (c) {
         case 'o':
@@ -162,6 +166,17 @@ command_line parse_command_line(int argc, char **argv)
                 result.retests = static_cast<int>(amount);
             break;
         }
+        case opt_localise:
+            // 0 switches the sweep off; anything else is a time as --timeout takes it.
+            result.localise_seconds = std::string_view(optarg) == "0" ? 0 : positive_amount(optarg, true, 3600);
+            if (result.localise_seconds == 0 && std::string_view(optarg) != "0") {
+                result.action = command_action::error;
+                result.error = std::string("--localise needs 0 (no sweep) or a time of at most 1h, in seconds or "
+                                           "with a unit (5, 30s, 2m), not '") +
+                               optarg + "'";
+                return result;
+            }
+            break;
         case opt_keep_going:
             result.keep_going = true;
             break;

@@ -16,6 +16,10 @@ constexpr long long default_timeout_seconds = 3600;
 // workers and one before its end.
 constexpr long long min_timeout_seconds = 3;
 
+// How long the sweep that localises a fault may take on each failing
+// processor unless --localise says otherwise (0: no sweep).
+constexpr long long default_localise_seconds = 5;
+
 enum class command_action { run, help, version, error };
 struct command_line {
     command_action action = command_action::run;
@@ -29,6 +33,7 @@ struct command_line {
     bool keep_going = false;
     long long timeout_seconds = default_timeout_seconds;  // the watchdog's limit for a whole run
     int retests = 0;  // after a fault: the failing subtest again, this often
+    long long localise_seconds = default_localise_seconds;
     bool describe = false;  // say what a run would test, and test nothing
     std::string sysroot;    // a recorded machine to read instead of this one
     std::string ras_database;  // rasdaemon's database, if not where its service keeps it

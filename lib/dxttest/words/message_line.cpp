@@ -91,4 +91,10 @@ void put_verdict_line(text_buffer &line, const verdict_fields &v)
     put(line, "\n");
 }
 
+void put_summary_start(text_buffer &line, long long time)
+{
+    put_utc_time(line, time);
+    put(line, " SUMMARY ");
+}
+
 }  // namespace dxt

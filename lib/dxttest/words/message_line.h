@@ -42,6 +42,8 @@ struct verdict_fields {
 };
 
 void put_verdict_line(text_buffer &line, const verdict_fields &v);
+// The start of a line of the text summary before it: "<time> SUMMARY ".
+void put_summary_start(text_buffer &line, long long time);
 
 }  // namespace dxt
 

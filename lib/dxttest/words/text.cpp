@@ -258,6 +258,18 @@ void put_seconds(text_buffer &line, long long milliseconds)
     put_padded(line, milliseconds % 1000, 3);
 }
 
+void put_hex_member(text_buffer &line, std::string_view key, unsigned long long value, bool known)
+{
+    put_key(line, key);
+    if (!known) {
+        put(line, "null");
+        return;
+    }
+    put(line, "\"");
+    put_hex(line, value);
+    put(line, "\"");
+}
+
 void put_cpu_list(text_buffer &line, std::span<const int> ids)
 {
     cpu_list_writer list{line.data, line.capacity, line.length};

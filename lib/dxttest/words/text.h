@@ -78,6 +78,7 @@ void put_comma(text_buffer &line);
 void put_key(text_buffer &line, std::string_view key);
 void put_int_member(text_buffer &line, std::string_view key, long long value, bool known = true);
 void put_text_member(text_buffer &line, std::string_view key, std::string_view value, bool known = true);
+void put_hex_member(text_buffer &line, std::string_view key, unsigned long long value, bool known = true);  // "0x1c2e"
 // Processor ids in ascending order as the kernel writes a list: "0-3,5".
 void put_cpu_list(text_buffer &line, std::span<const int> ids);
 
