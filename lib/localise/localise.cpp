@@ -125,16 +125,25 @@ inline void fill(uint64_t *w, size_t first, size_t last, F value_of)
         A::store(w + i, value_of(i));
 }
 
+template <typename A, typename F>
+[[gnu::cold, gnu::noinline]] void note_misses(sweep_state &s, size_t i, F value_of, uint64_t a, uint64_t b,
+                                              uint64_t c, uint64_t d)
+{
+    const uint64_t got[4] = {a, b, c, d};
+    for (size_t k = 0; k < 4; k++)
+        if (got[k] != value_of(i + k))
+            note_miss<A>(s, i + k, value_of(i + k), got[k]);
+}
+
 // Four words from i, with one branch for the four.
 template <typename A, typename F>
 inline void check4(sweep_state &s, const uint64_t *w, size_t i, F value_of)
 {
-    const uint64_t got[4] = {A::load(w + i), A::load(w + i + 1), A::load(w + i + 2), A::load(w + i + 3)};
-    if (((got[0] ^ value_of(i)) | (got[1] ^ value_of(i + 1)) | (got[2] ^ value_of(i + 2)) |
-         (got[3] ^ value_of(i + 3))) != 0) [[unlikely]]
-        for (size_t k = 0; k < 4; k++)
-            if (got[k] != value_of(i + k))
-                note_miss<A>(s, i + k, value_of(i + k), got[k]);
+    // Four scalars, not an array: an array the cold path indexes would be
+    // kept on the stack, four more stores a step.
+    uint64_t a = A::load(w + i), b = A::load(w + i + 1), c = A::load(w + i + 2), d = A::load(w + i + 3);
+    if (((a ^ value_of(i)) | (b ^ value_of(i + 1)) | (c ^ value_of(i + 2)) | (d ^ value_of(i + 3))) != 0)
+        [[unlikely]] note_misses<A>(s, i, value_of, a, b, c, d);
 }
 
 template <typename A, typename F>
