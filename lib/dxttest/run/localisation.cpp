@@ -51,7 +51,10 @@ loc::l2_shape shape_of(const run_state &run, int cpu)
 
 void localise_faults(run_state &run, std::span<failure_site> failures, std::vector<loc::finding> &found)
 {
-    if (run.localise_ms <= 0 || run.localised.exchange(true))
+    // Within the run's own limit, with a second to spare for the ending: a
+    // sweep the watchdog cut short would turn a fault into a hang.
+    long long budget = std::min(run.localise_ms, run.timeout_ms - run_elapsed_ms(run) - 1000);
+    if (budget <= 0 || run.localised.exchange(true))
         return;
     std::vector<int> cpus;
     for (const failure_site &f : failures)
@@ -62,7 +65,7 @@ void localise_faults(run_state &run, std::span<failure_site> failures, std::vect
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
     for (size_t i = 0; i < cpus.size(); i++)
-        jobs.push_back({cpus[i], shape_of(run, cpus[i]), run.localise_ms,
+        jobs.push_back({cpus[i], shape_of(run, cpus[i]), budget,
                         static_cast<uint64_t>(now.tv_sec) * 1000000007ULL + static_cast<uint64_t>(now.tv_nsec) + i,
                         &found[i]});
     // Started with every signal blocked, so that the interrupts reach only
