@@ -21,7 +21,7 @@ import tempfile
 import time
 import unittest
 
-BINARY, FAULTY = None, None
+BINARY, FAULTY, DRAWS_SHIM = None, None, None
 CPUS = sorted(os.sched_getaffinity(0))
 
 
@@ -298,7 +298,8 @@ class EndToEnd(unittest.TestCase):
             self.assertEqual(set(line), message_keys)
         v = lines[-1]
         self.assertEqual(set(v), {"time", "host", "schema_version", "verdict", "exit_status", "elapsed_seconds",
-                                  "text", "cpu", "thread", "options", "version", "build", "tested_cpus", "left_out_cpus",
+                                  "text", "cpu", "thread", "options", "version", "build", "seed", "tested_cpus",
+                                  "left_out_cpus",
                                   "failed_cpus", "l2", "failures", "machine_checks", "hardware_counts",
                                   "processors", "machine", "warnings"})
         self.assertEqual([p["cpu"] for p in v["processors"]], CPUS)
@@ -423,7 +424,7 @@ class EndToEnd(unittest.TestCase):
         self.assertEqual((status, v["verdict"], v["runs"], v["runs_passed"]), (0, "pass", 3, 3))
         self.assertLess(v["elapsed_seconds"], 5 + 2.5)
         self.assertEqual(set(v), {"time", "host", "schema_version", "verdict", "exit_status", "text", "options",
-                                  "version", "build", "runs", "runs_passed", "runs_failed", "failed_runs",
+                                  "version", "build", "runs", "runs_passed", "runs_failed", "seeds", "failed_runs",
                                   "unfinished_runs", "retests", "reproducibility", "elapsed_seconds",
                                   "machine_checks", "hardware_counts", "warnings", "processors", "machine"})
 
@@ -515,6 +516,32 @@ class EndToEnd(unittest.TestCase):
         status, out, _ = run(["-q", "--localise", "1", "-o", "count=1,test_mask=8"], binary=FAULTY,
                              env={"TARNEL_FAULT": f"stuck1,{cpu},0,64,3"})
         self.assertRegex(out, rf"SUMMARY localisation on cpu{cpu}: not reproduced in 1\.[0-9] s ")
+
+    def test_seeds_repeat_a_runs_draws(self):
+        """--seed repeats a one-processor run's draws exactly (read by a
+        preloaded lrand48), and a run without it draws as the C library's
+        own state does, seed 0; the record and the summary name the
+        seed, and each run of a burn-in of three takes a different one."""
+        if not DRAWS_SHIM:
+            self.skipTest("no draws shim")
+        cpu = CPUS[-1]
+
+        def draws(*seed):
+            with tempfile.TemporaryDirectory() as tmp:
+                status, out, _ = run(["--json", "-q", "-o", "count=1,test_mask=64", *seed], cpus=[cpu],
+                                     env={"LD_PRELOAD": DRAWS_SHIM, "DRAWS_LOG": f"{tmp}/draws"})
+                with open(f"{tmp}/draws") as log:
+                    return status, record(out)["seed"], log.read().split()
+        first, again, other, plain = draws("--seed", "7"), draws("--seed", "7"), draws("--seed", "8"), draws()
+        self.assertEqual((first[0], first[1], len(first[2]) >= 10), (0, 7, True))
+        self.assertEqual(first, again)
+        self.assertNotEqual(first[2], other[2])
+        self.assertEqual(plain, (0, 0, draws("--seed", "0")[2]))
+        status, out, _ = run(["--seed", "9", "-o", "count=1,test_mask=8"])
+        self.assertRegex(out, r"SUMMARY version .*, seed 9, sub-options ")
+        status, out, _ = run(["--json", "-q", "--runs", "3", "--seed", "11", "-o", "count=1,test_mask=8"])
+        seeds = record(out)["seeds"]
+        self.assertEqual((status, len(set(seeds)), seeds[0]), (0, 3, 11))
 
     def test_a_stalled_worker_ends_the_run_as_hung(self):
         """A worker stopped for ever ends the run at --timeout with HUNG and 4,
@@ -671,10 +698,11 @@ if __name__ == "__main__":
     parser = argparse.ArgumentParser()
     parser.add_argument("--binary", required=True)
     parser.add_argument("--faulty")
+    parser.add_argument("--draws-shim")
     parser.add_argument("--list", action="store_true")
     parser.add_argument("tests", nargs="*")
     options = parser.parse_args()
-    BINARY, FAULTY = options.binary, options.faulty
+    BINARY, FAULTY, DRAWS_SHIM = options.binary, options.faulty, options.draws_shim
     names = unittest.defaultTestLoader.getTestCaseNames(EndToEnd)
     if options.list:
         print(";".join(name[len("test_"):] for name in names), end="")

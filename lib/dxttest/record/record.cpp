@@ -137,6 +137,7 @@ void put_verdict_record(text_buffer &out, const verdict_record &r)
     put_text_member(out, "options", r.options);
     put_text_member(out, "version", r.version);
     put_text_member(out, "build", r.build);
+    put_int_member(out, "seed", r.seed, r.seed >= 0);
 
     put(out, ",\"tested_cpus\":[");
     for (int cpu : r.machine != nullptr ? std::span<const int>(r.machine->tested) : std::span<const int>())
@@ -228,7 +229,7 @@ size_t burn_in_room(const burn_in_record &r)
         names += 160 + 6 * u.how.size();
     for (const retest_result &t : r.retests)
         names += 320 + 6 * t.subtest.size();
-    return 4096 + 6 * (r.text.size() + r.host.size() + r.options.size() + r.version.size() + r.build.size()) +
+    return 4096 + 16 * r.seeds.size() + 6 * (r.text.size() + r.host.size() + r.options.size() + r.version.size() + r.build.size()) +
            2 * names + identity_room(r.processors) + (r.reports != nullptr ? report_room(*r.reports) : 0);
 }
 
@@ -242,6 +243,12 @@ void put_burn_in_record(text_buffer &out, const burn_in_record &r)
     put_int_member(out, "runs", r.runs);
     put_int_member(out, "runs_passed", r.runs_passed);
     put_int_member(out, "runs_failed", r.runs_failed);
+    put(out, ",\"seeds\":[");
+    for (long long seed : r.seeds) {
+        put_comma(out);
+        put_int(out, seed);
+    }
+    put(out, "]");
     put(out, ",\"failed_runs\":[");
     for (const failed_run &f : r.failed_runs) {
         put_comma(out);

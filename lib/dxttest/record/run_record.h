@@ -21,7 +21,7 @@
 namespace dxt {
 
 // The record's layout; raised when a key changes meaning or goes away.
-constexpr int verdict_schema_version = 4;
+constexpr int verdict_schema_version = 5;
 
 // Where a run failed.
 struct failure_site {
@@ -82,6 +82,7 @@ struct verdict_record {
     std::span<const l2_geometry> l2 = {};   // what each worker announced
     std::span<const processor_entry> processors = {};
     const machine_entry *host_identity = nullptr;  // nullptr: not described (a usage error)
+    long long seed = -1;  // of the test's draws; -1: not known
 };
 
 // Every processor left out, before the run and during it, with its reason.
@@ -157,6 +158,7 @@ struct burn_in_record {
     std::span<const processor_entry> processors = {};
     const machine_entry *host_identity = nullptr;
     std::span<const reproduction> reproducibility = {};
+    std::span<const long long> seeds = {};  // each run's, in order
 };
 
 // Its warnings, of every processor its runs reported on.

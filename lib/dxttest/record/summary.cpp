@@ -57,6 +57,8 @@ void put_processor_lines(text_buffer &out, const verdict_record &r)
     put_summary_start(out, r.time);
     if (!r.version.empty())
         put(out, "version ", r.version, ", build ", r.build, ", ");
+    if (r.seed >= 0)
+        put(out, "seed ", r.seed, ", ");
     put(out, "sub-options \"");
     put_visible(out, r.options);
     put(out, "\"\n");

@@ -50,7 +50,8 @@ verdict_record run_record(const run_state &run, long long time, int status, cons
             TARNEL_BUILD,
             announced_so_far(run.workers),
             machine != nullptr ? std::span<const processor_entry>(run.processors) : std::span<const processor_entry>(),
-            machine != nullptr ? &run.host_identity : nullptr};
+            machine != nullptr ? &run.host_identity : nullptr,
+            run.seed};
 }
 
 // What the machine's error reporting saw since the run started.

@@ -20,6 +20,8 @@ run_state &new_run(const command_line &line, const char *program, const char *op
     run->given_options = line.subopts;
     run->timeout_ms = line.timeout_seconds * 1000;
     run->localise_ms = line.localise_seconds * 1000;
+    if (line.seed >= 0)
+        run->seed = line.seed;
     if (!line.ras_database.empty())
         run->ras_database = line.ras_database;
     if (!line.metrics.empty())

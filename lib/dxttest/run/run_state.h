@@ -46,6 +46,7 @@ struct run_state {
     long long started_ms = 0;       // CLOCK_MONOTONIC
     long long timeout_ms = default_timeout_seconds * 1000;  // the watchdog's limit
     long long localise_ms = default_localise_seconds * 1000;  // each failing processor's sweep; 0: none
+    long long seed = default_seed;  // of the test's draws
     int failures_fd = -1;  // a burn-in's run: where its failures also go; -1: not one
     std::string ras_database = ras::default_database;
     metrics_file metrics_target;  // --metrics; "": nowhere

@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/random.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -55,6 +56,15 @@ void burn_in_progress::draw()
 }
 
 namespace {
+
+// A seed nobody chose: from the kernel's random source, else the clock.
+long long fresh_seed()
+{
+    uint64_t seed = 0;
+    if (getrandom(&seed, sizeof seed, 0) != static_cast<ssize_t>(sizeof seed))
+        seed = static_cast<uint64_t>(monotonic_ms()) * 2654435761ULL;
+    return static_cast<long long>(seed & static_cast<uint64_t>(max_seed));
+}
 
 // The processors and subtests a failed run named.
 void note_failures(const std::string &failures, long long run, std::vector<failed_run> &failed)
@@ -125,6 +135,7 @@ void burn_in(const burn_in_request &request)
     std::vector<failed_run> failed;
     std::vector<unfinished_run> unfinished;
     std::vector<retest_result> retests;
+    std::vector<long long> seeds;  // each run's
     std::string held;
     while (burn_in_stop_signal() == 0 && (progress.runs == 0 || progress.run < progress.runs) &&
            (progress.deadline_ms == 0 || monotonic_ms() < progress.deadline_ms)) {
@@ -132,7 +143,11 @@ void burn_in(const burn_in_request &request)
         progress.draw();
         long long run_start = monotonic_ms();
         long long number = single ? 0 : progress.run;
-        run_outcome outcome = supervised_run(request, request.run_args, -1, number, true, &progress);
+        // The first run draws as asked; every later one afresh.
+        seeds.push_back(seeds.empty() ? request.seed : fresh_seed());
+        std::vector<std::string> args = request.run_args;
+        args.insert(args.end(), {"--seed", std::to_string(seeds.back())});
+        run_outcome outcome = supervised_run(request, args, -1, number, true, &progress);
         last = outcome.status;
         held = outcome.held_verdict;
         runs_by_status[last]++;
@@ -158,7 +173,7 @@ void burn_in(const burn_in_request &request)
             size_t first = failed.size();
             note_failures(outcome.failures, progress.run, failed);
             if (request.retests > 0 && burn_in_stop_signal() == 0)
-                run_retests(request, {failed.data() + first, failed.size() - first}, retests);
+                run_retests(request, {failed.data() + first, failed.size() - first}, seeds.back(), retests);
         }
         if (!request.display.json && !single) {
             line_buffer line;
@@ -198,6 +213,7 @@ void burn_in(const burn_in_request &request)
                           dxt_test_version, TARNEL_BUILD, processors, &host};
     std::vector<reproduction> reproducibility = reproducibility_of(failed, runs, retests);
     record.reproducibility = reproducibility;
+    record.seeds = seeds;
     // A pass that cannot reach the monitoring is no pass.
     int metrics_error = write_burn_in_metrics(request, record, machine.tested);
     bool metrics_lost = metrics_error != 0 && status == exit_passed;

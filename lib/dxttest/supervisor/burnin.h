@@ -36,6 +36,7 @@ struct burn_in_request {
     const char *program = "";  // for what is said on standard error
     sigset_t ignored{};        // interrupts ignored when the process started, which stay so
     long long localise_seconds = default_localise_seconds;  // each run's sweep after a fault
+    long long seed = default_seed;  // the first run's; every later run takes a fresh one
 };
 
 [[noreturn]] void burn_in(const burn_in_request &request);
@@ -78,7 +79,8 @@ inline bool burn_in_stopping() { return burn_in_stop_signal() != 0; }
 // Retests (retest.cpp): for each failure of a run, its subtest `retests`
 // times on the failing processor alone and on each processor sharing its
 // L2, alone.
-void run_retests(const burn_in_request &request, std::span<const failed_run> failures,
+// Each retest draws as the failing run did (`seed`).
+void run_retests(const burn_in_request &request, std::span<const failed_run> failures, long long seed,
                  std::vector<retest_result> &results);
 // A single run's held verdict, with the retests' summary lines before it
 // (text) or their "retests" in it (JSON).

@@ -31,7 +31,7 @@ int32_t mask_bit(const std::string &name)
 
 }  // namespace
 
-void run_retests(const burn_in_request &request, std::span<const failed_run> failures,
+void run_retests(const burn_in_request &request, std::span<const failed_run> failures, long long seed,
                  std::vector<retest_result> &results)
 {
     for (const failed_run &f : failures) {
@@ -55,7 +55,8 @@ void run_retests(const burn_in_request &request, std::span<const failed_run> fai
         }
         std::vector<std::string> args = {request.run_args[0], "--json", "-q", "--timeout",
                                          std::to_string(request.run_timeout_seconds), "--localise",
-                                         std::to_string(request.localise_seconds), "-o", subopts};
+                                         std::to_string(request.localise_seconds), "--seed", std::to_string(seed),
+                                         "-o", subopts};
         for (int cpu : targets) {
             bool seen = std::any_of(results.begin(), results.end(), [&](const retest_result &r) {
                 return r.cpu == cpu && r.subtest == f.subtest;

@@ -2,10 +2,13 @@
 //   tarneltest [-o SUBOPTIONS] [-v | -q] [-d] [--json]
 //              [--duration TIME] [--runs N] [--keep-going] [--timeout TIME]
 //              [--retest N] [--ras-db PATH] [--metrics FILE] [--describe]
-//              [--sysroot DIR] [--localise TIME]
+//              [--sysroot DIR] [--localise TIME] [--seed N]
 //              [-h] [--version]
 // Only the -o texts belong to the test; everything else is the harness's.
 #include <getopt.h>
+
+#include <cerrno>
+#include <cstdlib>
 
 #include <string_view>
 
@@ -29,6 +32,7 @@ enum long_only_option {
     opt_metrics,
     opt_failures_fd,
     opt_localise,
+    opt_seed,
 };
 
 // Longer than any burn-in anybody runs, and far from overflowing the
@@ -80,6 +84,7 @@ command_line parse_command_line(int argc, char **argv)
         {"ras-db", required_argument, nullptr, opt_ras_db},
         {"metrics", required_argument, nullptr, opt_metrics},
         {"localise", required_argument, nullptr, opt_localise},
+        {"seed", required_argument, nullptr, opt_seed},
         // A burn-in's own word to its runs, never a person's (so not in the
         // usage): the pipe that takes each failure of the run's verdict.
         {"failures-fd", required_argument, nullptr, opt_failures_fd},
@@ -100,7 +105,8 @@ command_line parse_command_line(int argc, char **argv)
     std::string run_option;
     while ((c = getopt_long(argc, argv, "+:o:vqdh", long_options, nullptr)) != -1) {
         if (run_option.empty() && (c == 'o' || c == opt_duration || c == opt_runs || c == opt_keep_going ||
-                                   c == opt_timeout || c == opt_retest || c == opt_ras_db || c == opt_localise))
+                                   c == opt_timeout || c == opt_retest || c == opt_ras_db || c == opt_localise ||
+                                   c == opt_seed))
             run_option = argv[optind - 1][1] == '-' ? argv[optind - 1] : "-o";
         switch (c) {
         case 'o':
@@ -177,6 +183,19 @@ command_line parse_command_line(int argc, char **argv)
                 return result;
             }
             break;
+        case opt_seed: {
+            char *end = nullptr;
+            errno = 0;
+            unsigned long long value = strtoull(optarg, &end, 10);
+            if (*optarg < '0' || *optarg > '9' || *end != '\0' || errno != 0 ||
+                value > static_cast<unsigned long long>(max_seed)) {
+                result.action = command_action::error;
+                result.error = "--seed needs a number from 0 to " + std::to_string(max_seed) + ", not '" + optarg + "'";
+                return result;
+            }
+            result.seed = static_cast<long long>(value);
+            break;
+        }
         case opt_keep_going:
             result.keep_going = true;
             break;

@@ -19,6 +19,10 @@ constexpr long long min_timeout_seconds = 3;
 // How long the sweep that localises a fault may take on each failing
 // processor unless --localise says otherwise (0: no sweep).
 constexpr long long default_localise_seconds = 5;
+// The C library's generator starts from an all-zero state, which seed48
+// with 0 sets again: a run without --seed draws as the program always did.
+constexpr long long default_seed = 0;
+constexpr long long max_seed = (1LL << 48) - 1;  // the generator's whole state
 
 enum class command_action { run, help, version, error };
 struct command_line {
@@ -34,6 +38,7 @@ struct command_line {
     long long timeout_seconds = default_timeout_seconds;  // the watchdog's limit for a whole run
     int retests = 0;  // after a fault: the failing subtest again, this often
     long long localise_seconds = default_localise_seconds;
+    long long seed = -1;  // --seed; -1: not given
     bool describe = false;  // say what a run would test, and test nothing
     std::string sysroot;    // a recorded machine to read instead of this one
     std::string ras_database;  // rasdaemon's database, if not where its service keeps it
