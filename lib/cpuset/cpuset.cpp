@@ -185,14 +185,23 @@ void free_cpu_mask(cpu_mask *mask)
     mask->set = nullptr;
 }
 
-int bind_thread(int cpu)
+int bind_thread(int cpu) { return bind_thread_to({cpu}); }
+
+int bind_thread_to(const std::vector<int> &cpus)
 {
-    if (cpu < 0 || cpu >= MAX_PROCESSOR_ID)
+    int top = 0;
+    for (int cpu : cpus) {
+        if (cpu < 0 || cpu >= MAX_PROCESSOR_ID)
+            return EINVAL;
+        top = std::max(top, cpu + 1);
+    }
+    if (top == 0)
         return EINVAL;
-    cpu_set_t *only = CPU_ALLOC(cpu + 1);
-    size_t size = CPU_ALLOC_SIZE(cpu + 1);
+    cpu_set_t *only = CPU_ALLOC(top);
+    size_t size = CPU_ALLOC_SIZE(top);
     CPU_ZERO_S(size, only);
-    CPU_SET_S(cpu, size, only);
+    for (int cpu : cpus)
+        CPU_SET_S(cpu, size, only);
     int error = pthread_setaffinity_np(pthread_self(), size, only);
     CPU_FREE(only);
     return error;

@@ -57,8 +57,10 @@ struct cpu_mask {
 bool read_cpu_mask(bool process, cpu_mask *mask);
 bool cpu_mask_has(const cpu_mask &mask, int id);
 void free_cpu_mask(cpu_mask *mask);
-// Binds the calling thread to one processor: 0, or an error number.
+// Binds the calling thread to one processor, or to a set of them: 0, or an
+// error number.
 int bind_thread(int cpu);
+int bind_thread_to(const std::vector<int> &cpus);
 // Gives the calling thread the mask back (a bind undone).
 void restore_thread_mask(const cpu_mask &mask);
 

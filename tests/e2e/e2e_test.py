@@ -52,6 +52,15 @@ def run(args, binary=None, cpus=None, env=None, ignored=None, stdout=subprocess.
         return p.returncode, out + (rest or ""), err
 
 
+def cpus_of(cpu_list):
+    """The processors of a list in the kernel's form ("0-2,5"), as texts."""
+    ids = []
+    for part in cpu_list.split(","):
+        low, _, high = part.partition("-")
+        ids += [str(i) for i in range(int(low), int(high or low) + 1)]
+    return ids
+
+
 def cpu_cgroup():
     """(directory, quota file, quota) of the cgroup tree that really carries
     the cpu controller, from the mount table: version 2 where its root lists
@@ -542,6 +551,39 @@ class EndToEnd(unittest.TestCase):
         status, out, _ = run(["--json", "-q", "--runs", "3", "--seed", "11", "-o", "count=1,test_mask=8"])
         seeds = record(out)["seeds"]
         self.assertEqual((status, len(set(seeds)), seeds[0]), (0, 3, 11))
+
+    def test_one_l2_at_a_time_finds_a_fault_in_its_turn(self):
+        """Each L2's processors run in a turn of their own, the rest left out:
+        a fault on the first L2 is found in its turn and named with it; the
+        later turns run only with --keep-going; a hang ends its own turn at
+        --timeout, after the turns before it passed."""
+        if not FAULTY:
+            self.skipTest("no fault-model build")
+        _, out, _ = run(["--describe", "--json"])
+        domains = []
+        for p in json.loads(out)["processors"]:
+            sharing = p["l2"]["shared_cpus"]
+            if not any(str(p["cpu"]) in cpus_of(d) for d in domains):
+                domains.append(sharing if sharing != "unknown" else str(p["cpu"]))
+        first, last = CPUS[0], CPUS[-1]
+        args = ["--one-l2-at-a-time", "--json", "-q", "-o", "count=1,test_mask=8"]
+        status, out, _ = run(args, binary=FAULTY, env={"TARNEL_FAULT": f"lost,{first},0,24"})
+        v, turns = record(out), [r for r in map(json.loads, out.splitlines()[:-1]) if "exit_status" in r]
+        self.assertEqual((status, v["verdict"], v["burn_in"], v["l2_domains"]), (1, "fault", False, domains))
+        self.assertEqual([(t["run"], t["cpus"], t["verdict"]) for t in v["l2_turns"]], [(1, domains[0], "fault")])
+        self.assertEqual(v["failed_runs"], [{"run": 1, "cpu": first, "subtest": "Write/Read/Verify",
+                                             "localisation": None, "l2_cpus": domains[0]}])
+        self.assertEqual(turns[0]["tested_cpus"], [int(c) for c in cpus_of(domains[0])])
+        status, out, _ = run(args[:1] + ["--keep-going"] + args[1:], binary=FAULTY,
+                             env={"TARNEL_FAULT": f"lost,{first},0,24"})
+        v = record(out)
+        self.assertEqual((status, [t["verdict"] for t in v["l2_turns"]]), (1, ["fault"] + ["pass"] * (len(domains) - 1)))
+        self.assertEqual([t["cpus"] for t in v["l2_turns"]], domains)
+        status, out, _ = run(["--one-l2-at-a-time", "-q", "--timeout", "3", "-o", "count=1,test_mask=8"],
+                             binary=FAULTY, env={"TARNEL_FAULT": f"hang,{last},0,64"})
+        self.assertEqual(status, 4)
+        self.assertRegex(out, rf" RUN {len(domains)} HUNG on the L2 of cpus {domains[-1]} in [3-9]\.[0-9] s\n")
+        self.assertRegex(out, rf" SUMMARY one L2 at a time: {len(domains)} runs?, {len(domains) - 1} passed, ")
 
     def test_a_stalled_worker_ends_the_run_as_hung(self):
         """A worker stopped for ever ends the run at --timeout with HUNG and 4,

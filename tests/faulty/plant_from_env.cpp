@@ -8,9 +8,11 @@
 // coupling,<cpu>,<allocation>,<offset>,<bit>,<victim offset> flips the bit
 // of the victim's word at every store to the word at offset.
 // Several faults are separated by ';'.
-// A position outside that block, or a fault the run never planted, ends
-// the run with status 2 and says why: a run that tested no fault must not
-// pass as a proof.
+// A position outside that block, or a fault the run never planted on a
+// processor it was let use, ends the run with status 2 and says why: a run
+// that tested no fault must not pass as a proof. (A run one L2 at a time
+// runs each L2's turn on those processors alone.)
+#include <sched.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -50,7 +52,9 @@ void plant(const char *spec)
     if (fields < 4 || cpu < 0 || allocation < 0 || bit < 0 || bit > 31 || !known || (k == "coupling" && fields < 6))
         refuse("expected <stuck0|stuck1|lost|hang|flip>,<cpu>,<allocation|sweep>,<byte offset>[,<bit>], or "
                "coupling,<cpu>,<allocation|sweep>,<byte offset>,<bit>,<victim's byte offset>");
-    asked = true;
+    cpu_set_t allowed;
+    if (sched_getaffinity(0, sizeof allowed, &allowed) != 0 || (cpu < CPU_SETSIZE && CPU_ISSET(cpu, &allowed)))
+        asked = true;
     auto place = [k = std::string(k), offset, bit, victim, cpu, where = std::string(where)](char *block, size_t length) {
         if (std::max(offset, victim) + 4 > length) {
             char why[160];

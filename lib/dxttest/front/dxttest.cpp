@@ -160,8 +160,8 @@ void show_version(const run_state &run)
     write_output(line);
 }
 
-// A burn-in, and a run whose fault is to be retested, watch their runs
-// from a process of their own, with this run's form and sub-options.
+// A burn-in, a run one L2 at a time, and a run whose fault is to be
+// retested, watch their runs from a process of their own, with this run's form and sub-options.
 [[noreturn]] void start_burn_in(const run_state &run, const char *argv0, const command_line &line)
 {
     burn_in_request request{line.burn_in_seconds, line.burn_in_runs, line.keep_going, run.display, {argv0},
@@ -173,6 +173,9 @@ void show_version(const run_state &run)
                                                      std::to_string(line.localise_seconds)});
     request.localise_seconds = line.localise_seconds;
     request.seed = line.seed >= 0 ? line.seed : default_seed;
+    request.one_l2_at_a_time = line.one_l2_at_a_time;
+    if (!line.sensors_from.empty())
+        request.run_args.insert(request.run_args.end(), {"--sensors-from", line.sensors_from});
     if (!line.ras_database.empty()) {
         request.ras_database = line.ras_database;
         request.run_args.insert(request.run_args.end(), {"--ras-db", line.ras_database});
@@ -299,7 +302,7 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
         put(note, " does not\n");
         write_all(STDERR_FILENO, note.data, note.length);
     }
-    if (line.burn_in_seconds > 0 || line.burn_in_runs > 0 || line.retests > 0)
+    if (line.burn_in_seconds > 0 || line.burn_in_runs > 0 || line.retests > 0 || line.one_l2_at_a_time)
         start_burn_in(run, argc > 0 ? argv[0] : run.program, line);
     struct stat failures_pipe;
     if (line.failures_fd > 0 && fstat(line.failures_fd, &failures_pipe) == 0 && S_ISFIFO(failures_pipe.st_mode))

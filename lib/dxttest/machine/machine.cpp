@@ -153,6 +153,30 @@ machine_description describe_machine()
     return m;
 }
 
+std::vector<std::vector<int>> l2_domains(const machine_description &m)
+{
+    std::vector<std::vector<int>> domains;
+    std::vector<bool> placed(m.tested.size());
+    for (size_t i = 0; i < m.tested.size(); i++) {
+        if (placed[i])
+            continue;
+        std::vector<int> sharing, domain;
+        if (!parse_cpu_list(m.shared_cpus[i], &sharing))
+            sharing = {m.tested[i]};
+        for (size_t j = i; j < m.tested.size(); j++)
+            if (!placed[j] && std::binary_search(sharing.begin(), sharing.end(), m.tested[j])) {
+                placed[j] = true;
+                domain.push_back(m.tested[j]);
+            }
+        if (domain.empty()) {  // a list that leaves out its own processor
+            placed[i] = true;
+            domain = {m.tested[i]};
+        }
+        domains.push_back(domain);
+    }
+    return domains;
+}
+
 l2_geometry announced_l2(int cpu, uint32_t size, uint32_t line, const char *shared_cpus)
 {
     constexpr const char *defaults = "defaults";

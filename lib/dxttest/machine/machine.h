@@ -72,6 +72,11 @@ machine_entry describe_host(long long start_time, std::string_view host);
 // allowed processors) and the information library (the sharers of each
 // tested processor's L2).
 machine_description describe_machine();
+// The tested processors by the L2 they share, each group ascending, the
+// groups in the order of their first processor; a processor whose sharing
+// is unknown is a group of its own.
+std::vector<std::vector<int>> l2_domains(const machine_description &m);
+
 // Why a recorded machine (--sysroot DIR) cannot be described: no such
 // directory, no processor directory, or processor lists that are missing
 // or do not parse; "" when it can.

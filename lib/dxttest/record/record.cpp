@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "l2_turns.h"
 #include "localised.h"
 #include "statuses.h"
 
@@ -219,7 +220,7 @@ size_t burn_in_room(const burn_in_record &r)
 {
     size_t names = 0;
     for (const failed_run &f : r.failed_runs)
-        names += 160 + 6 * (f.subtest.size() + f.localisation.size());
+        names += 160 + 6 * (f.subtest.size() + f.localisation.size() + f.l2.size());
     for (const reproduction &p : r.reproducibility) {
         names += 160 + 80 * p.sharers.size();
         for (const std::string &l : p.localisation)
@@ -230,7 +231,7 @@ size_t burn_in_room(const burn_in_record &r)
     for (const retest_result &t : r.retests)
         names += 320 + 6 * t.subtest.size();
     return 4096 + 16 * r.seeds.size() + 6 * (r.text.size() + r.host.size() + r.options.size() + r.version.size() + r.build.size()) +
-           2 * names + identity_room(r.processors) + (r.reports != nullptr ? report_room(*r.reports) : 0);
+           2 * names + l2_turns_room(r) + identity_room(r.processors) + (r.reports != nullptr ? report_room(*r.reports) : 0);
 }
 
 void put_burn_in_record(text_buffer &out, const burn_in_record &r)
@@ -257,6 +258,7 @@ void put_burn_in_record(text_buffer &out, const burn_in_record &r)
         put_int_member(out, "cpu", f.cpu, f.cpu >= 0);
         put_text_member(out, "subtest", f.subtest, !f.subtest.empty());
         put_text_member(out, "localisation", f.localisation, !f.localisation.empty());
+        put_text_member(out, "l2_cpus", f.l2, !f.l2.empty());
         put(out, "}");
     }
     put(out, "],\"unfinished_runs\":[");
@@ -269,6 +271,7 @@ void put_burn_in_record(text_buffer &out, const burn_in_record &r)
         put(out, "}");
     }
     put(out, "]");
+    put_l2_turns_json(out, r);
     put_retests_json(out, r.retests);
     put_reproducibility_json(out, r.reproducibility);
     put_key(out, "elapsed_seconds");

@@ -77,13 +77,15 @@ std::vector<std::string> burn_in_warnings(const burn_in_record &r)
 }
 
 std::vector<reproduction> reproducibility_of(std::span<const failed_run> failed, long long runs,
-                                             std::span<const retest_result> retests)
+                                             std::span<const retest_result> retests, std::span<const l2_turn> turns)
 {
     std::vector<reproduction> out;
     for (const failed_run &f : failed) {
         if (f.cpu < 0 || std::any_of(out.begin(), out.end(), [&](const auto &r) { return r.cpu == f.cpu; }))
             continue;
         reproduction r{f.cpu, 0, runs, {}, {}, "not reproduced"};
+        if (!turns.empty())
+            r.runs = std::count_if(turns.begin(), turns.end(), [&](const l2_turn &t) { return t.cpus == f.l2; });
         for (const failed_run &g : failed)
             if (g.cpu == f.cpu) {
                 r.failed++;

@@ -105,6 +105,16 @@ struct failed_run {
     int cpu;              // -1: not known
     std::string subtest;  // "": not known
     std::string localisation = {};  // what the run's sweep of that processor said; "": none
+    std::string l2 = {};  // one L2 at a time: the processors of the L2 whose turn it was; "": all
+};
+
+// One L2 at a time: one L2's turn, a run of its own.
+struct l2_turn {
+    long long run;
+    std::string cpus;    // the processors sharing the L2, as a list ("0-1")
+    long long start;     // seconds since the epoch
+    long long elapsed_ms;
+    int status;          // the run's exit status
 };
 
 // A run that ended without saying so itself: killed by a signal nobody here
@@ -133,8 +143,10 @@ struct reproduction {
     const char *verdict;  // "reproduced on this processor alone", "reproduced across its L2", "not reproduced"
 };
 // One for each processor the failed runs name, in their order.
+// One L2 at a time, a processor ran only in its L2's turns.
 std::vector<reproduction> reproducibility_of(std::span<const failed_run> failed, long long runs,
-                                             std::span<const retest_result> retests);
+                                             std::span<const retest_result> retests,
+                                             std::span<const l2_turn> turns = {});
 
 struct burn_in_record {
     long long time;
@@ -159,6 +171,10 @@ struct burn_in_record {
     const machine_entry *host_identity = nullptr;
     std::span<const reproduction> reproducibility = {};
     std::span<const long long> seeds = {};  // each run's, in order
+    // One L2 at a time: every L2's processors, and each turn taken.
+    std::span<const std::string> l2_domains = {};
+    std::span<const l2_turn> l2_turns = {};
+    bool burn_in = true;  // false: a single cycle one L2 at a time, with no burn-in limit
 };
 
 // Its warnings, of every processor its runs reported on.

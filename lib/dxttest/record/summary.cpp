@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "cpuset.h"
+#include "l2_turns.h"
 #include "localised.h"
 #include "message_line.h"
 #include "statuses.h"
@@ -346,19 +347,22 @@ void put_retest_text(text_buffer &out, std::span<const retest_result> results)
 void put_burn_in_block(text_buffer &out, const burn_in_record &r)
 {
     put_summary_start(out, r.time);
-    put(out, "burn-in: ", r.runs, r.runs == 1 ? " run, " : " runs, ", r.runs_passed, " passed, ", r.runs_failed);
+    put(out, r.burn_in ? "burn-in: " : "one L2 at a time: ", r.runs, r.runs == 1 ? " run, " : " runs, ", r.runs_passed, " passed, ", r.runs_failed);
     put(out, " found a fault\n");
     for (const failed_run &f : r.failed_runs) {
         put_summary_start(out, r.time);
         put(out, "run ", f.run, " found a fault");
         if (f.cpu >= 0)
             put(out, " on cpu", f.cpu);
+        if (!f.l2.empty())
+            put(out, " in the turn of the L2 of cpus ", f.l2);
         if (!f.subtest.empty())
             put(out, " in ", f.subtest);
         if (!f.localisation.empty())
             put(out, "; localisation: ", f.localisation);
         put(out, "\n");
     }
+    put_l2_turns_text(out, r);
     for (const unfinished_run &u : r.unfinished) {
         put_summary_start(out, r.time);
         put(out, "run ", u.run, " ", u.how, "\n");

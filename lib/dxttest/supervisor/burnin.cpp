@@ -123,10 +123,23 @@ void burn_in(const burn_in_request &request)
     ras::snapshot before = ras::read_snapshot("", request.ras_database);
     stop_runs_on_interrupts(request);
 
-    // Without a limit it is a single run, retested when it finds a fault.
-    bool single = request.seconds == 0 && request.runs == 0;
+    // One L2 at a time: each run is one L2's turn, and a burn-in's limits
+    // are looked at only once a cycle through every L2 is done.
+    std::vector<std::vector<int>> domains;
+    std::vector<std::string> domain_names;
+    if (request.one_l2_at_a_time)
+        domains = l2_domains(describe_machine());
+    for (const std::vector<int> &d : domains)
+        domain_names.push_back(format_cpu_list(d));
+    long long cycle = std::max<long long>(1, static_cast<long long>(domains.size()));
+    // Without a limit it is a single run (retested when it finds a fault),
+    // or one cycle.
+    bool limited = request.seconds > 0 || request.runs > 0;
+    bool single = !limited && domains.empty();
+    long long runs_limit = limited ? (request.runs + cycle - 1) / cycle * cycle : cycle;
     long long start = monotonic_ms(), start_time = time(nullptr);
-    burn_in_progress progress{{}, 0, single ? 1 : request.runs, request.seconds > 0 ? start + 1000 * request.seconds : 0};
+    burn_in_progress progress{{}, 0, request.runs > 0 || !limited ? runs_limit : 0,
+                              request.seconds > 0 ? start + 1000 * request.seconds : 0};
     if (!single)
         start_progress_line(progress.line, request.display, STDOUT_FILENO);
     long long passed = 0, found = 0;
@@ -136,18 +149,31 @@ void burn_in(const burn_in_request &request)
     std::vector<unfinished_run> unfinished;
     std::vector<retest_result> retests;
     std::vector<long long> seeds;  // each run's
+    std::vector<l2_turn> turns;
     std::string held;
-    while (burn_in_stop_signal() == 0 && (progress.runs == 0 || progress.run < progress.runs) &&
-           (progress.deadline_ms == 0 || monotonic_ms() < progress.deadline_ms)) {
+    auto may_start = [&] {
+        if (burn_in_stop_signal() != 0)
+            return false;
+        if (progress.run % cycle != 0)
+            return true;  // the cycle in progress finishes
+        return (progress.runs == 0 || progress.run < progress.runs) &&
+               (progress.deadline_ms == 0 || monotonic_ms() < progress.deadline_ms);
+    };
+    while (may_start()) {
         progress.run++;
         progress.draw();
         long long run_start = monotonic_ms();
         long long number = single ? 0 : progress.run;
-        // The first run draws as asked; every later one afresh.
-        seeds.push_back(seeds.empty() ? request.seed : fresh_seed());
+        // The first run (cycle) draws as asked; every later one afresh.
+        seeds.push_back(progress.run <= cycle ? request.seed : fresh_seed());
         std::vector<std::string> args = request.run_args;
         args.insert(args.end(), {"--seed", std::to_string(seeds.back())});
-        run_outcome outcome = supervised_run(request, args, -1, number, true, &progress);
+        size_t turn = static_cast<size_t>((progress.run - 1) % cycle);
+        std::vector<int> cpus = domains.empty() ? std::vector<int>{} : domains[turn];
+        long long turn_start = time(nullptr);
+        run_outcome outcome = supervised_run(request, args, cpus, number, true, &progress);
+        if (!domains.empty())
+            turns.push_back({progress.run, domain_names[turn], turn_start, monotonic_ms() - run_start, outcome.status});
         last = outcome.status;
         held = outcome.held_verdict;
         runs_by_status[last]++;
@@ -172,13 +198,18 @@ void burn_in(const burn_in_request &request)
             found++;
             size_t first = failed.size();
             note_failures(outcome.failures, progress.run, failed);
+            for (size_t i = first; i < failed.size() && !domains.empty(); i++)
+                failed[i].l2 = domain_names[turn];
             if (request.retests > 0 && burn_in_stop_signal() == 0)
                 run_retests(request, {failed.data() + first, failed.size() - first}, seeds.back(), retests);
         }
         if (!request.display.json && !single) {
             line_buffer line;
             put_utc_time(line, time(nullptr));
-            put(line, " RUN ", progress.run, " ", verdict_word(last), " in ");
+            put(line, " RUN ", progress.run, " ", verdict_word(last));
+            if (!domains.empty())
+                put(line, " on the L2 of cpus ", domain_names[turn]);
+            put(line, " in ");
             put_elapsed(line, monotonic_ms() - run_start);
             if (!outcome.how.empty())
                 put(line, ": ", outcome.how);
@@ -211,9 +242,12 @@ void burn_in(const burn_in_request &request)
     burn_in_record record{time(nullptr), status,  elapsed,    "",      runs,    passed,   found,
                           failed,        &reports, request.host, unfinished, retests, counted, request.subopts,
                           dxt_test_version, TARNEL_BUILD, processors, &host};
-    std::vector<reproduction> reproducibility = reproducibility_of(failed, runs, retests);
+    std::vector<reproduction> reproducibility = reproducibility_of(failed, runs, retests, turns);
     record.reproducibility = reproducibility;
     record.seeds = seeds;
+    record.l2_domains = domain_names;
+    record.l2_turns = turns;
+    record.burn_in = limited;
     // A pass that cannot reach the monitoring is no pass.
     int metrics_error = write_burn_in_metrics(request, record, machine.tested);
     bool metrics_lost = metrics_error != 0 && status == exit_passed;
@@ -226,6 +260,8 @@ void burn_in(const burn_in_request &request)
             put(text, i == 0 ? " (run " : ", run ", failed[i].run);
             if (failed[i].cpu >= 0)
                 put(text, " on cpu", failed[i].cpu);
+            if (!failed[i].l2.empty())
+                put(text, " in the L2 turn of cpus ", failed[i].l2);
         }
         put(text, failed.size() > 8 ? ", ...); " : "); ");
     } else if (status >= exit_signal_base) {

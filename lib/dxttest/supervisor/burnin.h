@@ -36,7 +36,8 @@ struct burn_in_request {
     const char *program = "";  // for what is said on standard error
     sigset_t ignored{};        // interrupts ignored when the process started, which stay so
     long long localise_seconds = default_localise_seconds;  // each run's sweep after a fault
-    long long seed = default_seed;  // the first run's; every later run takes a fresh one
+    long long seed = default_seed;  // the first run's (one L2 at a time: the first cycle's); later ones fresh
+    bool one_l2_at_a_time = false;  // each run one L2's turn, cycling through them
 };
 
 [[noreturn]] void burn_in(const burn_in_request &request);
@@ -61,10 +62,11 @@ struct burn_in_progress {
     void draw();
 };
 
-// One run of args as a process of its own, bound to cpu (unless -1), its
+// One run of args as a process of its own, bound to cpus (unless none), its
 // time limited as every run of a burn-in is; with pass_output its lines go
 // through, numbered (unless number is 0), else nowhere.
-run_outcome supervised_run(const burn_in_request &request, const std::vector<std::string> &args, int cpu,
+run_outcome supervised_run(const burn_in_request &request, const std::vector<std::string> &args,
+                           const std::vector<int> &cpus,
                            long long number = 0, bool pass_output = false, burn_in_progress *progress = nullptr);
 // The failures a run told its supervisor, one "<cpu>\t<subtest>\t<localisation>"
 // line each.

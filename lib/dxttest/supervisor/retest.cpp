@@ -65,7 +65,7 @@ void run_retests(const burn_in_request &request, std::span<const failed_run> fai
                 continue;
             retest_result r{cpu, f.cpu, f.subtest};
             for (int i = 0; i < request.retests && !burn_in_stopping(); i++) {
-                run_outcome outcome = supervised_run(request, args, cpu);
+                run_outcome outcome = supervised_run(request, args, {cpu});
                 r.runs++;
                 r.failed += outcome.status == exit_fault_found;
                 for (const failed_run &again : runs_failures(outcome.failures, 0))

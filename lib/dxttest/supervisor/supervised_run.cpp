@@ -84,7 +84,8 @@ std::string signal_name(int sig)
 
 }  // namespace
 
-run_outcome supervised_run(const burn_in_request &request, const std::vector<std::string> &args, int cpu,
+run_outcome supervised_run(const burn_in_request &request, const std::vector<std::string> &args,
+                           const std::vector<int> &cpus,
                            long long number, bool pass_output, burn_in_progress *progress)
 {
     int out[2], failures[2];
@@ -114,7 +115,7 @@ run_outcome supervised_run(const burn_in_request &request, const std::vector<std
         if (!pass_output)
             dup2(out[1], STDERR_FILENO);
         fcntl(failures[1], F_SETFD, 0);
-        if (cpu >= 0 && bind_thread(cpu) != 0)
+        if (!cpus.empty() && bind_thread_to(cpus) != 0)
             _exit(exit_could_not_test);
         execv("/proc/self/exe", argv.data());
         _exit(exit_could_not_test);

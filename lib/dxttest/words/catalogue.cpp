@@ -36,7 +36,8 @@ namespace {
     X(MSG_CPC_ENABLED, "Performance counters asked for (cpc=Enabled); they stay off on this platform")                \
     X(MSG_GEOMETRY_DEFAULTS, "%s failed on cpu %d (return code %d); testing with default geometry. %s", "", 0, 0, "") \
     X(MSG_USAGE, "usage: %s [-o SUBOPTIONS] [-v | -q] [-d] [--json] [--duration TIME] [--runs N] "                    \
-                 "[--keep-going] [--timeout TIME] [--retest N] [--localise TIME] [--seed N] [--ras-db PATH] [--metrics FILE] "  \
+                 "[--keep-going] [--one-l2-at-a-time] [--timeout TIME] [--retest N] [--localise TIME] [--seed N] "      \
+                 "[--sensors-from DIR] [--ras-db PATH] [--metrics FILE] "                                               \
                  "[--describe [--sysroot DIR]] [-h] [--version]", "")                                                               \
     X(MSG_WRRDVR_NO_MEMORY, "Write/Read/Verify test could not allocate its buffer")                                   \
     X(MSG_NO_MEMORY, "Could not allocate a test buffer")                                                              \

@@ -3,6 +3,7 @@
 //              [--duration TIME] [--runs N] [--keep-going] [--timeout TIME]
 //              [--retest N] [--ras-db PATH] [--metrics FILE] [--describe]
 //              [--sysroot DIR] [--localise TIME] [--seed N]
+//              [--one-l2-at-a-time] [--sensors-from DIR]
 //              [-h] [--version]
 // Only the -o texts belong to the test; everything else is the harness's.
 #include <getopt.h>
@@ -33,6 +34,8 @@ enum long_only_option {
     opt_failures_fd,
     opt_localise,
     opt_seed,
+    opt_one_l2,
+    opt_sensors_from,
 };
 
 // Longer than any burn-in anybody runs, and far from overflowing the
@@ -85,6 +88,8 @@ command_line parse_command_line(int argc, char **argv)
         {"metrics", required_argument, nullptr, opt_metrics},
         {"localise", required_argument, nullptr, opt_localise},
         {"seed", required_argument, nullptr, opt_seed},
+        {"one-l2-at-a-time", no_argument, nullptr, opt_one_l2},
+        {"sensors-from", required_argument, nullptr, opt_sensors_from},
         // A burn-in's own word to its runs, never a person's (so not in the
         // usage): the pipe that takes each failure of the run's verdict.
         {"failures-fd", required_argument, nullptr, opt_failures_fd},
@@ -106,7 +111,7 @@ command_line parse_command_line(int argc, char **argv)
     while ((c = getopt_long(argc, argv, "+:o:vqdh", long_options, nullptr)) != -1) {
         if (run_option.empty() && (c == 'o' || c == opt_duration || c == opt_runs || c == opt_keep_going ||
                                    c == opt_timeout || c == opt_retest || c == opt_ras_db || c == opt_localise ||
-                                   c == opt_seed))
+                                   c == opt_seed || c == opt_one_l2 || c == opt_sensors_from))
             run_option = argv[optind - 1][1] == '-' ? argv[optind - 1] : "-o";
         switch (c) {
         case 'o':
@@ -199,6 +204,17 @@ command_line parse_command_line(int argc, char **argv)
         case opt_keep_going:
             result.keep_going = true;
             break;
+        case opt_one_l2:
+            result.one_l2_at_a_time = true;
+            break;
+        case opt_sensors_from:
+            result.sensors_from = optarg;
+            if (result.sensors_from.empty()) {
+                result.action = command_action::error;
+                result.error = "--sensors-from needs a recording's folder, not ''";
+                return result;
+            }
+            break;
         case opt_describe:
             result.describe = true;
             break;
@@ -252,9 +268,10 @@ command_line parse_command_line(int argc, char **argv)
         result.error = "-v and -q exclude each other";
         return result;
     }
-    if (result.keep_going && result.burn_in_seconds == 0 && result.burn_in_runs == 0) {
+    if (result.keep_going && result.burn_in_seconds == 0 && result.burn_in_runs == 0 && !result.one_l2_at_a_time) {
         result.action = command_action::error;
-        result.error = "--keep-going belongs to a burn-in: give --duration or --runs";
+        result.error = "--keep-going belongs to a burn-in or --one-l2-at-a-time: give --duration, --runs or "
+                       "--one-l2-at-a-time";
         return result;
     }
     if (!result.sysroot.empty() && !result.describe) {

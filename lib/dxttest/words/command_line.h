@@ -39,6 +39,8 @@ struct command_line {
     int retests = 0;  // after a fault: the failing subtest again, this often
     long long localise_seconds = default_localise_seconds;
     long long seed = -1;  // --seed; -1: not given
+    bool one_l2_at_a_time = false;  // each L2's processors in turn, the rest idle
+    std::string sensors_from;  // a recording of the clock registers, cpufreq and hwmon; "": this machine's
     bool describe = false;  // say what a run would test, and test nothing
     std::string sysroot;    // a recorded machine to read instead of this one
     std::string ras_database;  // rasdaemon's database, if not where its service keeps it
