@@ -96,6 +96,25 @@ def record(out):
     return json.loads(out.splitlines()[-1])
 
 
+def recording(source, root):
+    """A recorded machine's sensors (tests/sensors/NAME) laid out as the run
+    reads them, its msr readings (msr.txt) as the device files' recordings:
+    a page before the run and one after, each register at 8 times its
+    number."""
+    shutil.copytree(source, root, symlinks=True)
+    with open(f"{source}/msr.txt") as readings:
+        for cpu, when, register, value in (line.split() for line in readings if line[0] != "#"):
+            path = f"{root}/dev/cpu/{cpu}/msr"
+            if not os.path.exists(path):
+                os.makedirs(os.path.dirname(path))
+                with open(path, "wb") as device:
+                    device.truncate(8192)
+            with open(path, "r+b") as device:
+                os.pwrite(device.fileno(), int(value, 0).to_bytes(8, "little"),
+                          4096 * (when == "after") + 8 * int(register, 16))
+    return root
+
+
 def table(name, columns):
     """The rows of a reviewed table beside this file: its lines but the
     comments, split at tabs into `columns` fields, "\\n" a line's end."""
@@ -310,7 +329,7 @@ class EndToEnd(unittest.TestCase):
                                   "text", "cpu", "thread", "options", "version", "build", "seed", "tested_cpus",
                                   "left_out_cpus",
                                   "failed_cpus", "l2", "failures", "machine_checks", "hardware_counts",
-                                  "processors", "machine", "warnings"})
+                                  "clock", "temperatures", "processors", "machine", "warnings"})
         self.assertEqual([p["cpu"] for p in v["processors"]], CPUS)
         self.assertEqual(set(v["machine"]), {"host", "kernel", "virtualised", "start_time"})
         self.assertEqual((v["verdict"], v["exit_status"], v["failures"]), ("pass", 0, []))
@@ -459,7 +478,7 @@ class EndToEnd(unittest.TestCase):
         v = record(out)
         self.assertEqual((status, v["runs"], v["runs_failed"]), (1, 3, 3))
         self.assertEqual(v["failed_runs"][2], {"run": 3, "cpu": cpu, "subtest": "Cache Hit Stress",
-                                               "localisation": None})
+                                               "localisation": None, "l2_cpus": None})
 
     def test_a_planted_fault_decides_the_run_on_every_processor(self):
         """The reviewed table planted_faults.txt: found faults fail the run
@@ -584,6 +603,41 @@ class EndToEnd(unittest.TestCase):
         self.assertEqual(status, 4)
         self.assertRegex(out, rf" RUN {len(domains)} HUNG on the L2 of cpus {domains[-1]} in [3-9]\.[0-9] s\n")
         self.assertRegex(out, rf" SUMMARY one L2 at a time: {len(domains)} runs?, {len(domains) - 1} passed, ")
+
+    def test_clock_and_temperatures_of_recorded_machines(self):
+        """Recorded msr readings, cpufreq and hwmon trees (tests/sensors) give
+        the exact clocks, temperatures and warnings reviewed beside them, in
+        the summary, the metrics and the record; this machine's own run says
+        why it has none; with a processor left free the sensors are sampled
+        from it during the run."""
+        if CPUS[:2] != [0, 1]:
+            self.skipTest("the recordings' expectations are of a run on cpus 0 and 1")
+        folder = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "sensors")
+        names = sorted(n for n in os.listdir(folder) if os.path.isdir(f"{folder}/{n}"))
+        self.assertEqual(names, ["i3_7100", "ryzen_5900x"])
+        args = ["-q", "-o", "count=1,test_mask=8"]
+        for name in names:
+            with tempfile.TemporaryDirectory() as tmp, self.subTest(name):
+                root = recording(f"{folder}/{name}", f"{tmp}/root")
+                _, text, _ = run(args + ["--sensors-from", root, "--metrics", f"{tmp}/m.prom"], cpus=CPUS[:2])
+                said = [line.split(" ", 1)[1] for line in text.splitlines()
+                        if re.match(r"\S+ SUMMARY (clock|cpufreq|temperature|WARNING: .* reached)", line)]
+                with open(f"{tmp}/m.prom") as metrics:
+                    said += [line.rstrip("\n") for line in metrics
+                             if re.match(r"tarneltest_(cpu_effective|cpu_cpufreq|temperature)", line)]
+                with open(f"{folder}/{name}.txt") as expected:
+                    self.assertEqual(said, expected.read().splitlines())
+                _, out, _ = run(["--json"] + args + ["--sensors-from", root], cpus=CPUS[:2])
+                v = record(out)
+                with open(f"{folder}/{name}.json") as expected:
+                    self.assertEqual({"clock": v["clock"], "temperatures": v["temperatures"]}, json.load(expected))
+                _, out, _ = run(["--json"] + args + ["--sensors-from", root], cpus=CPUS[:1])
+                t = record(out)["temperatures"]
+                self.assertEqual((t["sampled_during_run"], t["why"], t["samples"] >= 3), (True, None, True))
+        _, out, _ = run(["--json"] + args)
+        v = record(out)
+        self.assertTrue(all(c["effective_mhz"] or c["why"] for c in v["clock"]))
+        self.assertTrue(v["temperatures"]["sensors"] or v["temperatures"]["why"])
 
     def test_a_stalled_worker_ends_the_run_as_hung(self):
         """A worker stopped for ever ends the run at --timeout with HUNG and 4,

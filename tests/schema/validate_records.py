@@ -1,12 +1,13 @@
 #!/usr/bin/python3
 """The published schemas (docs/schema) against real records of every kind,
 made by the real binaries: a pass, a fault, a fault with retests, could not
-test, hung, interrupted, a usage error, burn-ins passed and failed, and
---describe of this machine and of a recorded one. Run by Debian's python3
+test, hung, interrupted, a usage error, burn-ins passed and failed, a run
+one L2 at a time, a run reading recorded sensors, and --describe of this
+machine and of a recorded one. Run by Debian's python3
 with its python3-jsonschema. A record the schema refuses fails, and so does
 a schema that takes a record with a planted shape error.
 
-validate_records.py SCHEMA_DIR TARNELTEST TARNELTEST_FAULTY SYSROOT"""
+validate_records.py SCHEMA_DIR TARNELTEST TARNELTEST_FAULTY SYSROOT SENSORS"""
 import json
 import os
 import signal
@@ -16,7 +17,7 @@ import time
 
 from jsonschema import Draft202012Validator, RefResolver
 
-SCHEMAS, BINARY, FAULTY, SYSROOT = sys.argv[1:5]
+SCHEMAS, BINARY, FAULTY, SYSROOT, SENSORS = sys.argv[1:6]
 BASE = "file://" + os.path.abspath(SCHEMAS) + "/"  # the schemas name each other by file name
 # A bit stuck in the Write/Read/Verify test's buffer, and one in the sweep's
 # that localises it.
@@ -53,6 +54,10 @@ KINDS = [  # (what, schema, verdict, command line, binary, environment, interrup
     ("burn-in", "burn-in-record", "pass", ["--json", "-q", "--runs", "1"], BINARY, None, None),
     ("failing burn-in", "burn-in-record", "fault", ["--json", "-q", "--runs", "2", "--keep-going", "-o", "count=1"],
      FAULTY, FAULT, None),
+    ("one L2 at a time", "burn-in-record", "fault", ["--json", "-q", "--one-l2-at-a-time", "--keep-going", "-o",
+                                                     "count=1"], FAULTY, FAULT, None),
+    ("recorded sensors", "run-record", "pass", ["--json", "-q", "-o", "test_mask=8", "--sensors-from", SENSORS],
+     BINARY, None, None),
     ("describe", "describe", None, ["--json", "--describe"], BINARY, None, None),
     ("recorded describe", "describe", None, ["--json", "--describe", "--sysroot", SYSROOT], BINARY, None, None),
 ]
@@ -71,6 +76,8 @@ for what, kind, verdict, args, binary, env, after in KINDS:
 # A schema that cannot refuse is no proof: shape errors planted in real records.
 PLANTED = [
     ("fault", lambda r: r.update(exit_status=0), "a verdict its exit status contradicts"),
+    ("recorded sensors", lambda r: r["temperatures"]["sensors"][0].update(driver="acpitz"), "a driver not read"),
+    ("one L2 at a time", lambda r: r["l2_turns"][0].update(cpus="cpu0"), "a turn's processors not as a list"),
     ("fault", lambda r: r["failures"][0].update(subtest="Cache Stress"), "a subtest that does not exist"),
     ("fault", lambda r: r["failures"][0]["localisation"]["records"][0].update(bits=[64]), "a bit past 63"),
     ("pass", lambda r: r.update(processors_tested=r["tested_cpus"]), "a key the schema does not name"),

@@ -22,6 +22,7 @@
 #include "catalogue.h"
 #include "finish.h"
 #include "record.h"
+#include "sensors_record.h"
 #include "signals.h"
 #include "statuses.h"
 #include "suboptions.h"
@@ -133,12 +134,16 @@ void show_usage(int (*usage)(void))
     std::string recorded_host =
         sysroot.empty() ? "" : read_first_line(std::string(sysroot) + "/proc/sys/kernel/hostname");
     machine_entry host = describe_host(now_seconds(), sysroot.empty() ? run.host_name : recorded_host);
-    std::vector<char> storage(4096 + all.size() * 1536);
+    std::vector<int> cpus;
+    for (const processor_entry &p : all)
+        cpus.push_back(p.cpu);
+    sensors::sensor_report readable = sensors_now(cpus, std::string(sysroot));
+    std::vector<char> storage(4096 + all.size() * 1536 + sensors_room(&readable));
     text_buffer out{storage.data(), storage.size()};
     if (run.display.json)
-        put_describe_record(out, all, host);
+        put_describe_record(out, all, host, readable);
     else
-        put_describe_text(out, all, host);
+        put_describe_text(out, all, host, readable);
     write_text(run.output.fd, out);
     end_with(exit_passed);
 }
@@ -208,6 +213,7 @@ void prepare_run(run_state &run)
         if (!why.empty())
             show_debug(run, "hardware reports not read: " + why);
     reserve_ending_room(run);
+    start_sensor_watch(run.readings, *run.workers.machine, run.sensors_root);
     start_progress_line(run.progress, run.display, run.output.fd);
     // The test draws through the C library's generator; the harness sets its
     // whole 48-bit state before the workers start, so that the record can

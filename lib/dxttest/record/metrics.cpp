@@ -1,6 +1,7 @@
 // The Prometheus text format (metrics.h). Every family is one gauge: each
 // file describes the last run alone, and node_exporter serves it as it is.
 #include "metrics.h"
+#include "cpuset.h"
 #include "statuses.h"
 
 #include "testinfo.h"
@@ -123,6 +124,48 @@ bool names_cpu(std::span<const failure_site> failures, int cpu)
     return false;
 }
 
+// Each tested processor's clock, and each sensor's temperatures, where
+// they were read; a family with no sample is left out.
+void put_sensors(text_buffer &out, const sensors::sensor_report &r)
+{
+    auto clocks = [&](std::string_view name, std::string_view help, auto hertz) {
+        bool any = std::any_of(r.clocks.begin(), r.clocks.end(), [&](const auto &c) { return hertz(c) > 0; });
+        if (!any)
+            return;
+        put_family(out, name, help);
+        for (const sensors::processor_clock &c : r.clocks)
+            if (hertz(c) > 0)
+                put_cpu_sample(out, name, c.cpu, hertz(c));
+    };
+    clocks("tarneltest_cpu_effective_frequency_hertz",
+           "The processor's clock over the run: its base clock times APERF's growth over MPERF's.",
+           [](const sensors::processor_clock &c) { return c.mhz * 1000000; });
+    clocks("tarneltest_cpu_cpufreq_hertz", "The kernel's scaling_cur_freq of the processor, last read during the run.",
+           [](const sensors::processor_clock &c) { return c.cpufreq.cur_khz * 1000; });
+    auto temperatures = [&](std::string_view name, std::string_view help, auto millidegrees) {
+        bool any = std::any_of(r.temperatures.begin(), r.temperatures.end(),
+                               [&](const auto &t) { return millidegrees(t) != -1; });
+        if (!any)
+            return;
+        put_family(out, name, help);
+        for (const sensors::temperature_span &t : r.temperatures) {
+            if (millidegrees(t) == -1)
+                continue;
+            put(out, name, "{driver=\"");
+            put_label_value(out, t.sensor.driver);
+            put(out, "\",label=\"");
+            put_label_value(out, t.sensor.label);
+            put(out, "\",cpus=\"", format_cpu_list(t.sensor.cpus), "\"} ");
+            put_thousandths(out, millidegrees(t));
+            put(out, "\n");
+        }
+    };
+    temperatures("tarneltest_temperature_highest_celsius", "The highest temperature the sensor read during the run.",
+                 [](const sensors::temperature_span &t) { return t.highest_mc; });
+    temperatures("tarneltest_temperature_crit_celsius", "The sensor's critical temperature, as its driver gives it.",
+                 [](const sensors::temperature_span &t) { return t.sensor.crit_mc; });
+}
+
 }  // namespace
 
 size_t run_metrics_room(const verdict_record &r)
@@ -131,6 +174,8 @@ size_t run_metrics_room(const verdict_record &r)
     size_t room = 4096 + 2 * (r.version.size() + r.build.size()) + 96 * processors;
     if (r.reports != nullptr)
         room += 600 * r.reports->grew.size() + 96 * r.reports->machine_checks.size();
+    if (r.sensors != nullptr)
+        room += 1024 + 200 * r.sensors->clocks.size() + 800 * r.sensors->temperatures.size();
     return room;
 }
 
@@ -162,6 +207,8 @@ void put_run_metrics(text_buffer &out, const verdict_record &r)
                                r.failures[i].localised->misses);
     }
     put_reports(out, r.reports);
+    if (r.sensors != nullptr)
+        put_sensors(out, *r.sensors);
 }
 
 size_t burn_in_metrics_room(const burn_in_record &r, std::span<const int> tested)

@@ -5,6 +5,7 @@
 
 #include "l2_turns.h"
 #include "localised.h"
+#include "sensors_record.h"
 #include "statuses.h"
 
 namespace dxt {
@@ -124,7 +125,7 @@ size_t verdict_room(const verdict_record &r)
     room += r.failures.size() * (512 + names + 1024 + loc::kept_misses * 1024);
     if (r.reports != nullptr)
         room += report_room(*r.reports);
-    return room + identity_room(r.processors);
+    return room + identity_room(r.processors) + sensors_room(r.sensors);
 }
 
 void put_verdict_record(text_buffer &out, const verdict_record &r)
@@ -188,6 +189,7 @@ void put_verdict_record(text_buffer &out, const verdict_record &r)
     put(out, "]");
     if (r.reports != nullptr)
         put_report_json(out, *r.reports);
+    put_sensors_json(out, r.sensors);
     if (r.host_identity != nullptr)
         put_identity_json(out, r.processors, *r.host_identity);
     put(out, ",\"warnings\":[");
@@ -290,10 +292,12 @@ void put_burn_in_record(text_buffer &out, const burn_in_record &r)
     put(out, "}\n");
 }
 
-void put_describe_record(text_buffer &out, std::span<const processor_entry> processors, const machine_entry &machine)
+void put_describe_record(text_buffer &out, std::span<const processor_entry> processors, const machine_entry &machine,
+                         const sensors::sensor_report &readable)
 {
     put(out, "{\"schema_version\":", verdict_schema_version);
     put_identity_json(out, processors, machine);
+    put_sensors_json(out, &readable);
     put(out, "}\n");
 }
 

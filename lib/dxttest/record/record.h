@@ -21,7 +21,8 @@ void put_burn_in_record(text_buffer &out, const burn_in_record &record);
 // ,"retests":[...]
 void put_retests_json(text_buffer &out, std::span<const retest_result> results);
 // --describe's: {"schema_version":...,"processors":[...],"machine":{...}}
-void put_describe_record(text_buffer &out, std::span<const processor_entry> processors, const machine_entry &machine);
+void put_describe_record(text_buffer &out, std::span<const processor_entry> processors, const machine_entry &machine,
+                         const sensors::sensor_report &readable);
 
 }  // namespace dxt
 

@@ -1,5 +1,6 @@
 // The judgments every form of a run's end shares (run_record.h).
 #include "run_record.h"
+#include "sensors_record.h"
 
 #include <algorithm>
 #include <string>
@@ -57,6 +58,9 @@ std::vector<std::string> warnings_of(const verdict_record &r)
                 said.push_back("cpu" + std::to_string(p.cpu) +
                                " is offline, so it was not tested (a processor taken offline after errors is one to "
                                "check)");
+    if (r.sensors != nullptr)
+        for (std::string &hot : sensor_warnings(*r.sensors))
+            said.push_back(std::move(hot));
     if (r.reports == nullptr)
         return said;
     std::vector<int> tested;

@@ -16,12 +16,13 @@
 #include "localise.h"
 #include "machine.h"
 #include "reports.h"
+#include "sensors.h"
 #include "subtests.h"
 
 namespace dxt {
 
 // The record's layout; raised when a key changes meaning or goes away.
-constexpr int verdict_schema_version = 5;
+constexpr int verdict_schema_version = 6;
 
 // Where a run failed.
 struct failure_site {
@@ -83,6 +84,7 @@ struct verdict_record {
     std::span<const processor_entry> processors = {};
     const machine_entry *host_identity = nullptr;  // nullptr: not described (a usage error)
     long long seed = -1;  // of the test's draws; -1: not known
+    const sensors::sensor_report *sensors = nullptr;  // nullptr: not read (a usage error, a signal handler)
 };
 
 // Every processor left out, before the run and during it, with its reason.

@@ -8,6 +8,7 @@
 #include "cpuset.h"
 #include "l2_turns.h"
 #include "localised.h"
+#include "sensors_record.h"
 #include "message_line.h"
 #include "statuses.h"
 
@@ -240,7 +241,8 @@ void put_part(text_buffer &out, std::span<const processor_entry> processors, int
     }
     put(out, ")");
 }
-void put_describe_text(text_buffer &out, std::span<const processor_entry> processors, const machine_entry &machine)
+void put_describe_text(text_buffer &out, std::span<const processor_entry> processors, const machine_entry &machine,
+                       const sensors::sensor_report &readable)
 {
     for (const processor_entry &p : processors) {
         put(out, "cpu", p.cpu, ": ");
@@ -272,6 +274,7 @@ void put_describe_text(text_buffer &out, std::span<const processor_entry> proces
     }
     put(out, "machine: kernel ", *machine.id.kernel != '\0' ? machine.id.kernel : "unknown", ", virtualised: ");
     put(out, machine.id.virtualised < 0 ? "unknown" : machine.id.virtualised ? "yes" : "no", "\n");
+    put_sensors_described(out, readable);
 }
 void put_verdict_block(text_buffer &out, const verdict_record &r, bool quiet)
 {
@@ -286,6 +289,8 @@ void put_verdict_block(text_buffer &out, const verdict_record &r, bool quiet)
         if (f.localised != nullptr && !said)
             put_localisation_line(out, r.time, *f.localised);
     }
+    if (r.sensors != nullptr)
+        put_sensors_text(out, r.time, *r.sensors);
     for (const std::string &warning : warnings_of(r)) {
         put_summary_start(out, r.time);
         put(out, "WARNING: ", warning, "\n");

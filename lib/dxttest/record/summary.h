@@ -24,7 +24,8 @@ void put_retest_text(text_buffer &out, std::span<const retest_result> results);
 
 // What --describe prints: a line of identity and one of L2 per processor,
 // one per processor left out, and the machine's.
-void put_describe_text(text_buffer &out, std::span<const processor_entry> processors, const machine_entry &machine);
+void put_describe_text(text_buffer &out, std::span<const processor_entry> processors, const machine_entry &machine,
+                       const sensors::sensor_report &readable);
 // " (package 0, core 3, SMT sibling cpu37, PPIN 0x1c2e)" for a failure line.
 void put_part(text_buffer &out, std::span<const processor_entry> processors, int cpu);
 // A pass in words, with what it covered: "tarneltest passed on 1 of 2

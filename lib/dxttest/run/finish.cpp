@@ -193,6 +193,8 @@ void finish(run_state &run, const run_end &e)
                                      : run.workers.machine != nullptr ? &read_now
                                                                        : nullptr;
     verdict_record record = run_record(run, e.time, e.status, reason, e.cpu, failures, reports, left);
+    if (run.workers.machine != nullptr)
+        record.sensors = &end_sensor_watch(run.readings);
     std::vector<char> storage(line_capacity + verdict_room(record));
     text_buffer out{storage.data(), storage.size()};
     if (e.lead != nullptr)

@@ -22,6 +22,7 @@ run_state &new_run(const command_line &line, const char *program, const char *op
     run->localise_ms = line.localise_seconds * 1000;
     if (line.seed >= 0)
         run->seed = line.seed;
+    run->sensors_root = line.sensors_from;
     if (!line.ras_database.empty())
         run->ras_database = line.ras_database;
     if (!line.metrics.empty())

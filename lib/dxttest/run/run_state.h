@@ -21,6 +21,7 @@
 #include "output.h"
 #include "progress_line.h"
 #include "reports.h"
+#include "sensor_watch.h"
 #include "watchdog.h"
 #include "workers.h"
 
@@ -50,6 +51,7 @@ struct run_state {
     int failures_fd = -1;  // a burn-in's run: where its failures also go; -1: not one
     std::string ras_database = ras::default_database;
     metrics_file metrics_target;  // --metrics; "": nowhere
+    std::string sensors_root;     // --sensors-from; "": this machine
 
     // The machine, read once the run is sure to start, and what its own
     // reporting said before the run. The machine the run tests is the
@@ -65,6 +67,7 @@ struct run_state {
     progress_line progress;
     interrupts signals;
     watchdog watch;
+    sensor_watch readings;  // the clock and the temperatures
 
     // Room for an ending that cannot allocate (a signal handler's, or the
     // harness out of memory), reckoned before the run for the largest

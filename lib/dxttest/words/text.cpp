@@ -258,6 +258,17 @@ void put_seconds(text_buffer &line, long long milliseconds)
     put_padded(line, milliseconds % 1000, 3);
 }
 
+void put_thousandths(text_buffer &line, long long value)
+{
+    if (value < 0) {
+        put_char(line, '-');
+        value = -value;
+    }
+    put_int(line, value / 1000);
+    put_char(line, '.');
+    put_padded(line, value % 1000, 3);
+}
+
 void put_hex_member(text_buffer &line, std::string_view key, unsigned long long value, bool known)
 {
     put_key(line, key);

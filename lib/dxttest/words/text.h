@@ -72,6 +72,7 @@ void put_json_string(text_buffer &line, std::string_view text);      // quoted, 
 void put_elapsed(text_buffer &line, long long milliseconds);         // "3.2 s"
 void put_duration(text_buffer &line, long long milliseconds);        // "3.2 s", "12 min 05 s", "2 h 03 min"
 void put_seconds(text_buffer &line, long long milliseconds);         // "3.250", a JSON number
+void put_thousandths(text_buffer &line, long long value);           // "45.125", "-3.500": millidegrees as degrees
 // JSON: a comma, unless an object or array has just opened; a member, its
 // key after such a comma, then its value, or null when it is not known.
 void put_comma(text_buffer &line);
