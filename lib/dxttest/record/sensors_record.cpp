@@ -127,15 +127,15 @@ void put_sensors_text(text_buffer &out, long long time, const sensors::sensor_re
 {
     std::vector<const sensors::processor_clock *> known;
     std::vector<int> unknown;  // the first one's reason is said
-    const std::string *why = nullptr;
+    std::string why;
     for (const sensors::processor_clock &c : r.clocks) {
         if (c.mhz >= 0) {
             known.push_back(&c);
             continue;
         }
         unknown.push_back(c.cpu);
-        if (why == nullptr)
-            why = &c.why;
+        if (unknown.size() == 1)
+            why = c.why;
     }
     if (!r.clocks.empty()) {
         put_summary_start(out, time);
@@ -158,7 +158,7 @@ void put_sensors_text(text_buffer &out, long long time, const sensors::sensor_re
         }
         if (!unknown.empty())
             put(out, known.empty() ? "" : "; ", unknown.size() == 1 ? "not known on cpu" : "not known on cpus ",
-                format_cpu_list(unknown), ": ", *why);
+                format_cpu_list(unknown), ": ", why);
         put(out, "\n");
     }
     bool cpufreq = std::any_of(r.clocks.begin(), r.clocks.end(), [](const auto &c) { return c.cpufreq.cur_khz > 0; });
