@@ -574,8 +574,10 @@ class EndToEnd(unittest.TestCase):
     def test_one_l2_at_a_time_finds_a_fault_in_its_turn(self):
         """Each L2's processors run in a turn of their own, the rest left out:
         a fault on the first L2 is found in its turn and named with it; the
-        later turns run only with --keep-going; a hang ends its own turn at
-        --timeout, after the turns before it passed."""
+        later turns run only with --keep-going; the sweep and the retests
+        work as in a normal run; a burn-in cycles through the L2s and ends
+        on a whole cycle; a hang ends its own turn at --timeout, after the
+        turns before it passed."""
         if not FAULTY:
             self.skipTest("no fault-model build")
         _, out, _ = run(["--describe", "--json"])
@@ -598,6 +600,24 @@ class EndToEnd(unittest.TestCase):
         v = record(out)
         self.assertEqual((status, [t["verdict"] for t in v["l2_turns"]]), (1, ["fault"] + ["pass"] * (len(domains) - 1)))
         self.assertEqual([t["cpus"] for t in v["l2_turns"]], domains)
+        # Its sweep and its retests, as in a normal run.
+        status, out, _ = run(args + ["--localise", "2", "--retest", "1"], binary=FAULTY,
+                             env={"TARNEL_FAULT": f"stuck1,{first},0,64,3;stuck1,{first},sweep,4100,3"})
+        v = record(out)
+        self.assertRegex(v["failed_runs"][0]["localisation"], r"^bit 35 stuck at 1 ")
+        self.assertEqual([(r["cpu"], r["failed"], r["runs"], r["verdict"]) for r in v["reproducibility"]],
+                         [(first, 2, 2, "reproduced on this processor alone")])
+        # A burn-in cycles through the L2s and stops only once a cycle is
+        # done; the first cycle draws as asked, the later ones afresh.
+        status, out, _ = run(args + ["--runs", str(len(domains) + 1), "--seed", "5"], binary=FAULTY)
+        v = record(out)
+        self.assertEqual((status, v["burn_in"], [t["cpus"] for t in v["l2_turns"]]), (0, True, domains * 2))
+        self.assertEqual(v["seeds"][:len(domains)], [5] * len(domains))
+        self.assertNotIn(5, v["seeds"][len(domains):])
+        # Past its deadline after the first turn (a run takes two seconds),
+        # it still finishes the cycle.
+        status, out, _ = run(args + ["--duration", "1"])
+        self.assertEqual((status, [t["cpus"] for t in record(out)["l2_turns"]]), (0, domains))
         status, out, _ = run(["--one-l2-at-a-time", "-q", "--timeout", "3", "-o", "count=1,test_mask=8"],
                              binary=FAULTY, env={"TARNEL_FAULT": f"hang,{last},0,64"})
         self.assertEqual(status, 4)

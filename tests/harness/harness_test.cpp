@@ -14,13 +14,16 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "catalogue.h"
+#include "machine.h"
 #include "harness/testinfo.h"
 #include "message_args.h"
 #include "record.h"
 #include "reports.h"
+#include "sensors.h"
 #include "signals.h"
 #include "statuses.h"
 #include "summary.h"
@@ -192,6 +195,37 @@ TEST(RunRecord, EachInputToItsVerdictAndText)
     for (const auto &row : table_rows(TARNEL_TEST_DATA "/decisions.txt", 6))
         EXPECT_EQ(decide(row[0], row[1]), std::vector<std::string>(row.begin() + 2, row.end()))
             << row[0] << " " << row[1];
+}
+
+// One L2 at a time: the processors sharing an L2 take one turn, in the
+// order of their first processor; a sharer the run does not test is no
+// part of it, and a processor whose sharing is unknown, or whose list
+// leaves it out, takes a turn alone.
+TEST(Machine, EachL2ATurnOfItsTestedSharers)
+{
+    dxt::machine_description m{{0, 1, 2, 3, 5, 8, 9}, {}, {"0-1", "0-1", "2,10", "unknown", "4", "8-9", "8-9"}};
+    EXPECT_EQ(dxt::l2_domains(m), (std::vector<std::vector<int>>{{0, 1}, {2}, {3}, {5}, {8, 9}}));
+}
+
+// The effective clock: the base clock times APERF's growth over MPERF's,
+// across a wrap of both counters; no clock, with the reason, where it
+// cannot be trusted or has no base.
+TEST(Clock, BaseTimesTheCountersGrowthOrWhyNot)
+{
+    sensors::clock_counts before{true, ~0ULL - 99, ~0ULL - 199, 3900, ""};
+    sensors::clock_counts after{true, 2900, 1800, -1, ""};  // 3000 and 2000 on
+    sensors::processor_clock c = sensors::clock_between(4, before, after, {});
+    EXPECT_EQ((std::tuple{c.mhz, c.aperf_growth, c.mperf_growth, c.base_mhz, std::string(c.base_from)}),
+              (std::tuple{5850LL, 3000ULL, 2000ULL, 3900LL, std::string("MSR_PLATFORM_INFO")}));
+    before.platform_base_mhz = -1;
+    c = sensors::clock_between(4, before, after, {-1, -1, 3700000, "ACPI CPPC nominal_freq"});
+    EXPECT_EQ((std::tuple{c.mhz, std::string(c.base_from)}), (std::tuple{5550LL, std::string("ACPI CPPC nominal_freq")}));
+    EXPECT_EQ(sensors::clock_between(4, before, after, {}).why.substr(0, 26), "the base clock is not know");
+    EXPECT_EQ(sensors::clock_between(4, before, before, {}).why, "MPERF did not advance over the run");
+    after.aperf = before.aperf + 16 * 2000 + 1;
+    EXPECT_EQ(sensors::clock_between(4, before, after, {-1, -1, 1000, "x"}).mhz, -1);
+    sensors::clock_counts unread{false, 0, 0, -1, "/dev/cpu/4/msr is missing"};
+    EXPECT_EQ(sensors::clock_between(4, unread, after, {}).why, "/dev/cpu/4/msr is missing");
 }
 
 // The room reckoned for a record holds it whole with the largest report a
