@@ -290,6 +290,11 @@ int test_init(int argc, char **argv, int (*parser)(char *), int (*usage)(void), 
             refuse(run, problem, usage);
     if (line.describe)
         describe(run);
+    // A recording that is not there would read as a machine without
+    // registers or sensors.
+    if (struct stat folder; !line.sensors_from.empty() &&
+                            (stat(line.sensors_from.c_str(), &folder) != 0 || !S_ISDIR(folder.st_mode)))
+        refuse(run, "--sensors-from " + line.sensors_from + " is not a folder", usage);
     if (std::string oversized = oversized_mask(line.subopts); !oversized.empty())
         refuse(run, oversized, usage);
     if (parser != nullptr) {

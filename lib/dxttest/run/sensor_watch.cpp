@@ -36,8 +36,12 @@ void take_sample(sensor_watch &w)
 // Bound to a processor the run does not test, or not started at all.
 void sample(sensor_watch &w, int cpu)
 {
-    if (bind_thread(cpu) != 0)
+    // Read once the thread is joined.
+    if (bind_thread(cpu) != 0) {
+        w.sampling_why = "the sampler could not be bound to cpu" + std::to_string(cpu) +
+                         ", which the run leaves free, so the sensors were read only before and after it";
         return;
+    }
     std::unique_lock<std::mutex> hold(w.lock);
     while (!w.wake.wait_for(hold, std::chrono::milliseconds(sample_interval_ms), [&] { return w.stopping; })) {
         hold.unlock();
