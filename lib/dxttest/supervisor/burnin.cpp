@@ -44,7 +44,7 @@ void burn_in_progress::clear() { clear_progress(line, STDOUT_FILENO); }
 void burn_in_progress::draw()
 {
     line_buffer text;
-    put(text, "burn-in: run ", run);
+    put(text, what, ": run ", run);
     if (runs > 0)
         put(text, " of ", runs);
     if (deadline_ms > 0) {
@@ -139,7 +139,8 @@ void burn_in(const burn_in_request &request)
     long long runs_limit = limited ? (request.runs + cycle - 1) / cycle * cycle : cycle;
     long long start = monotonic_ms(), start_time = time(nullptr);
     burn_in_progress progress{{}, 0, request.runs > 0 || !limited ? runs_limit : 0,
-                              request.seconds > 0 ? start + 1000 * request.seconds : 0};
+                              request.seconds > 0 ? start + 1000 * request.seconds : 0,
+                              limited ? "burn-in" : "one L2 at a time"};
     if (!single)
         start_progress_line(progress.line, request.display, STDOUT_FILENO);
     long long passed = 0, found = 0;

@@ -57,6 +57,7 @@ struct run_outcome {
 struct burn_in_progress {
     progress_line line;
     long long run, runs, deadline_ms;  // runs, deadline_ms: 0 when not limited
+    const char *what = "burn-in";      // "one L2 at a time" for a single cycle
 
     void clear();
     void draw();
