@@ -588,7 +588,15 @@ class EndToEnd(unittest.TestCase):
                 domains.append(sharing if sharing != "unknown" else str(p["cpu"]))
         first, last = CPUS[0], CPUS[-1]
         args = ["--one-l2-at-a-time", "--json", "-q", "-o", "count=1,test_mask=8"]
-        status, out, _ = run(args, binary=FAULTY, env={"TARNEL_FAULT": f"lost,{first},0,24"})
+        with tempfile.TemporaryDirectory() as tmp:
+            status, out, _ = run(args + ["--metrics", f"{tmp}/m.prom"], binary=FAULTY,
+                                 env={"TARNEL_FAULT": f"lost,{first},0,24"})
+            with open(f"{tmp}/m.prom") as metrics:
+                tested = re.findall(r'^tarneltest_cpu_tested\{cpu="([0-9]+)"\} ([01])$', metrics.read(), re.M)
+        # The metrics count as tested only the L2s that had a turn.
+        self.assertEqual(sorted(tested, key=lambda t: int(t[0])),
+                         sorted(((c, "1" if c in cpus_of(domains[0]) else "0") for d in domains for c in cpus_of(d)),
+                                key=lambda t: int(t[0])))
         v, turns = record(out), [r for r in map(json.loads, out.splitlines()[:-1]) if "exit_status" in r]
         self.assertEqual((status, v["verdict"], v["burn_in"], v["l2_domains"]), (1, "fault", False, domains))
         self.assertEqual([(t["run"], t["cpus"], t["verdict"]) for t in v["l2_turns"]], [(1, domains[0], "fault")])

@@ -187,9 +187,10 @@ void show_version(const run_state &run)
     }
     if (line.subopts_given)
         request.run_args.insert(request.run_args.end(), {"-o", line.subopts});
-    // A burn-in's metrics are its own; a single run's (retested after a
-    // fault) are that run's, which the retests do not overwrite.
-    if (!line.metrics.empty() && line.burn_in_seconds == 0 && line.burn_in_runs == 0)
+    // A burn-in's metrics are its own, and so are those of every L2's turn
+    // together; a single run's (retested after a fault) are that run's,
+    // which the retests do not overwrite.
+    if (!line.metrics.empty() && line.burn_in_seconds == 0 && line.burn_in_runs == 0 && !line.one_l2_at_a_time)
         request.run_args.insert(request.run_args.end(), {"--metrics", line.metrics});
     else
         request.metrics = line.metrics;

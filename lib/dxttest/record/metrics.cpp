@@ -216,6 +216,11 @@ size_t burn_in_metrics_room(const burn_in_record &r, std::span<const int> tested
     size_t room = 4096 + 96 * tested.size() + 128 * verdict_statuses().size();
     if (r.reports != nullptr)
         room += 600 * r.reports->grew.size() + 96 * r.reports->machine_checks.size();
+    for (const std::string &domain : r.l2_domains) {
+        std::vector<int> cpus;
+        parse_cpu_list(domain, &cpus);
+        room += 96 * cpus.size();
+    }
     return room;
 }
 
@@ -237,6 +242,14 @@ void put_burn_in_metrics(text_buffer &out, const burn_in_record &r, std::span<co
             for (const failed_run &f : r.failed_runs)
                 failed = failed || f.cpu == cpu;
             visit(cpu, true, failed);
+        }
+        // One L2 at a time: the L2s that got no turn.
+        for (const std::string &domain : r.l2_domains) {
+            std::vector<int> cpus;
+            parse_cpu_list(domain, &cpus);
+            for (int cpu : cpus)
+                if (std::find(tested.begin(), tested.end(), cpu) == tested.end())
+                    visit(cpu, false, false);
         }
     });
     put_reports(out, r.reports);

@@ -250,7 +250,12 @@ void burn_in(const burn_in_request &request)
     record.l2_turns = turns;
     record.burn_in = limited;
     // A pass that cannot reach the monitoring is no pass.
-    int metrics_error = write_burn_in_metrics(request, record, machine.tested);
+    // One L2 at a time, only the L2s that had a turn were tested.
+    std::vector<int> tested = domains.empty() ? machine.tested : std::vector<int>{};
+    for (size_t i = 0; i < domains.size() && i < turns.size(); i++)
+        tested.insert(tested.end(), domains[i].begin(), domains[i].end());
+    std::sort(tested.begin(), tested.end());
+    int metrics_error = write_burn_in_metrics(request, record, tested);
     bool metrics_lost = metrics_error != 0 && status == exit_passed;
     if (metrics_lost)
         status = record.exit_status = exit_could_not_test;
