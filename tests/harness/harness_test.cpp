@@ -24,6 +24,7 @@
 #include "record.h"
 #include "reports.h"
 #include "sensors.h"
+#include "sensors_record.h"
 #include "signals.h"
 #include "statuses.h"
 #include "summary.h"
@@ -226,6 +227,34 @@ TEST(Clock, BaseTimesTheCountersGrowthOrWhyNot)
     EXPECT_EQ(sensors::clock_between(4, before, after, {-1, -1, 1000, "x"}).mhz, -1);
     sensors::clock_counts unread{false, 0, 0, -1, "/dev/cpu/4/msr is missing"};
     EXPECT_EQ(sensors::clock_between(4, unread, after, {}).why, "/dev/cpu/4/msr is missing");
+}
+
+// The clock's summary line: the spread of the known clocks, the processors
+// more than a tenth below the median, and the unknown ones with the reason
+// they share, or the first's.
+TEST(Clock, TheSummaryLineOfKnownAndUnknownClocks)
+{
+    auto line = [](std::vector<std::pair<long long, std::string>> clocks) {
+        sensors::sensor_report r;
+        for (size_t i = 0; i < clocks.size(); i++) {
+            r.clocks.push_back({});
+            r.clocks.back().cpu = static_cast<int>(i);
+            std::tie(r.clocks.back().mhz, r.clocks.back().why) = clocks[i];
+        }
+        std::vector<char> storage(4096);
+        dxt::text_buffer out{storage.data(), storage.size()};
+        dxt::put_sensors_text(out, 0, r);
+        std::string text(out.data, out.length);
+        return text.substr(0, text.find('\n'));
+    };
+    EXPECT_EQ(line({{3000, ""}, {2600, ""}, {3100, ""}, {-1, "/dev/cpu/3/msr is missing"}, {-1, "/dev/cpu/4/msr is missing"}}),
+              "1970-01-01T00:00:00Z SUMMARY clock: lowest 2600 MHz (cpu1), median 3000 MHz, highest 3100 MHz (cpu2); "
+              "more than a tenth below the median: cpu1; not known on cpus 3-4: /dev/cpu/N/msr is missing");
+    EXPECT_EQ(line({{2700, ""}, {3000, ""}}), "1970-01-01T00:00:00Z SUMMARY clock: lowest 2700 MHz (cpu0), median 3000 "
+                                              "MHz, highest 3000 MHz (cpu1); more than a tenth below the median: none");
+    EXPECT_EQ(line({{-1, "/dev/cpu/0/msr is missing"}, {-1, "MPERF did not advance over the run"}}),
+              "1970-01-01T00:00:00Z SUMMARY clock: not known on cpus 0-1: /dev/cpu/0/msr is missing (the others' "
+              "reasons are in the record)");
 }
 
 // The room reckoned for a record holds it whole with the largest report a

@@ -126,17 +126,25 @@ void put_sensors_json(text_buffer &out, const sensors::sensor_report *r)
 void put_sensors_text(text_buffer &out, long long time, const sensors::sensor_report &r)
 {
     std::vector<const sensors::processor_clock *> known;
-    std::vector<int> unknown;  // the first one's reason is said
-    std::string why;
+    std::vector<int> unknown;
+    // One processor's own reason, what they all share, or the first's
+    // with a pointer to the record.
+    std::string why, shared;
     for (const sensors::processor_clock &c : r.clocks) {
         if (c.mhz >= 0) {
             known.push_back(&c);
             continue;
         }
         unknown.push_back(c.cpu);
-        if (unknown.size() == 1)
+        if (unknown.size() == 1) {
             why = c.why;
+            shared = reason_of_any(c);
+        } else if (reason_of_any(c) != shared) {
+            shared = why + " (the others' reasons are in the record)";
+        }
     }
+    if (unknown.size() > 1)
+        why = shared;
     if (!r.clocks.empty()) {
         put_summary_start(out, time);
         put(out, "clock: ");
