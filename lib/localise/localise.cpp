@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 // A fault-model build (tests/fault) defines these: the sweep's accesses then
 // go through its simulated memory, and it learns where the sweep's buffer is
