@@ -27,14 +27,6 @@ constexpr int vendor_amd = 2, vendor_hygon = 9;
 
 bool bit(int64_t word, int n) { return (static_cast<uint64_t>(word) >> n) & 1; }
 
-int64_t count_in(const std::string &path)
-{
-    std::string text = read_first_line(path);
-    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
-        return -1;
-    return strtoll(text.c_str(), nullptr, 10);
-}
-
 // /proc/interrupts: a header of CPU<N> columns, then one line per source.
 std::string read_interrupts(const std::string &root, std::vector<processor_counts> *processors)
 {
@@ -82,10 +74,10 @@ void read_edac(const std::string &root, snapshot *s)
         if (!name.starts_with("mc") || name.size() == 2 || name.find_first_not_of("0123456789", 2) != std::string::npos)
             continue;
         for (auto [count, file] : {std::pair{&s->edac_corrected, "ce"}, {&s->edac_uncorrected, "ue"}}) {
-            int64_t n = count_in(dir + "/" + name + "/" + file + "_count");
+            int64_t n = read_count(dir + "/" + name + "/" + file + "_count");
             if (n < 0)
                 continue;
-            int64_t noinfo = count_in(dir + "/" + name + "/" + file + "_noinfo_count");
+            int64_t noinfo = read_count(dir + "/" + name + "/" + file + "_noinfo_count");
             *count = std::max<int64_t>(*count, 0) + n + std::max<int64_t>(noinfo, 0);
         }
     }
@@ -216,8 +208,8 @@ snapshot read_snapshot(const std::string &root, const std::string &database)
     s.interrupts_why = read_interrupts(root, &s.processors);
     for (processor_counts &p : s.processors) {
         std::string dir = root + "/sys/devices/system/cpu/cpu" + std::to_string(p.cpu) + "/thermal_throttle/";
-        p.core_throttle = count_in(dir + "core_throttle_count");
-        p.package_throttle = count_in(dir + "package_throttle_count");
+        p.core_throttle = read_count(dir + "core_throttle_count");
+        p.package_throttle = read_count(dir + "package_throttle_count");
     }
     read_edac(root, &s);
     if (database.empty()) {

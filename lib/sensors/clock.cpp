@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include "sensors.h"
@@ -18,15 +17,6 @@ namespace {
 std::string cpu_folder(const std::string &root, int cpu)
 {
     return root + "/sys/devices/system/cpu/cpu" + std::to_string(cpu);
-}
-
-// A decimal number alone in a file; -1 for anything else.
-long long read_number(const std::string &path)
-{
-    std::string line = read_first_line(path);
-    char *end = nullptr;
-    long long value = strtoll(line.c_str(), &end, 10);
-    return line.empty() || *end != '\0' || value < 0 ? -1 : value;
 }
 
 bool read_register(int fd, bool recording, reading when, uint32_t reg, uint64_t *value)
@@ -72,12 +62,17 @@ clock_counts read_clock_counts(const std::string &root, int cpu, reading when)
     return c;
 }
 
+long long read_cur_khz(const std::string &root, int cpu)
+{
+    return read_count(cpu_folder(root, cpu) + "/cpufreq/scaling_cur_freq");
+}
+
 cpufreq_view read_cpufreq(const std::string &root, int cpu)
 {
     std::string folder = cpu_folder(root, cpu);
-    cpufreq_view v{read_number(folder + "/cpufreq/scaling_cur_freq"), read_number(folder + "/cpufreq/cpuinfo_max_freq"),
-                   read_number(folder + "/cpufreq/base_frequency"), "cpufreq base_frequency"};
-    if (long long nominal = read_number(folder + "/acpi_cppc/nominal_freq"); v.base_khz <= 0 && nominal > 0) {
+    cpufreq_view v{read_cur_khz(root, cpu), read_count(folder + "/cpufreq/cpuinfo_max_freq"),
+                   read_count(folder + "/cpufreq/base_frequency"), "cpufreq base_frequency"};
+    if (long long nominal = read_count(folder + "/acpi_cppc/nominal_freq"); v.base_khz <= 0 && nominal > 0) {
         v.base_khz = nominal * 1000;  // in MHz there
         v.base_from = "ACPI CPPC nominal_freq";
     }

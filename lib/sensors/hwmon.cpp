@@ -31,14 +31,6 @@ struct topology {
     std::map<int, std::string> l3;         // by processor: who shares its L3
 };
 
-long long number_in(const std::string &path)
-{
-    std::string line = read_first_line(path);
-    char *end = nullptr;
-    long long value = strtoll(line.c_str(), &end, 10);
-    return line.empty() || *end != '\0' ? -1 : value;
-}
-
 topology read_topology(const std::string &root)
 {
     topology t;
@@ -47,8 +39,8 @@ topology read_topology(const std::string &root)
         return t;
     for (int cpu : t.cpus) {
         std::string folder = base + "/cpu" + std::to_string(cpu);
-        t.package[cpu] = static_cast<int>(number_in(folder + "/topology/physical_package_id"));
-        t.core[cpu] = static_cast<int>(number_in(folder + "/topology/core_id"));
+        t.package[cpu] = static_cast<int>(read_count(folder + "/topology/physical_package_id"));
+        t.core[cpu] = static_cast<int>(read_count(folder + "/topology/core_id"));
         t.l3[cpu] = read_first_line(folder + "/cache/index3/shared_cpu_list");
     }
     return t;
@@ -103,21 +95,22 @@ std::vector<hwmon_folder> folders_of(const std::string &root, const std::string 
     return found;
 }
 
-// Each labelled input of a folder: its number, label (the input's own name
-// where it has none) and limits.
-template <typename F>
-void each_input(const hwmon_folder &folder, const char *driver, F take)
+// Each input of a folder, with its label (the input's own name where it
+// has none) and limits; no processors yet.
+std::vector<temperature_sensor> inputs_of(const hwmon_folder &folder, const char *driver)
 {
+    std::vector<temperature_sensor> inputs;
     for (int i = 1; i <= max_inputs; i++) {
         std::string stem = folder.path + "/temp" + std::to_string(i);
         if (access((stem + "_input").c_str(), F_OK) != 0)
             continue;
         std::string label = read_first_line(stem + "_label");
         temperature_sensor s{driver, label.empty() ? "temp" + std::to_string(i) : label, stem + "_input",
-                             stem.substr(folder.root_length) + "_input", {}, number_in(stem + "_max"),
-                             number_in(stem + "_crit")};
-        take(s);
+                             stem.substr(folder.root_length) + "_input", {}, read_count(stem + "_max"),
+                             read_count(stem + "_crit")};
+        inputs.push_back(s);
     }
+    return inputs;
 }
 
 int number_after(const std::string &label, const char *prefix)
@@ -131,11 +124,11 @@ void add_coretemp(const topology &t, std::vector<temperature_sensor> &out, const
     for (const hwmon_folder &f : folders_of(root, "coretemp")) {
         // The package: its own input's label, else the device (coretemp.P).
         int package = number_after(f.device, "coretemp.");
-        each_input(f, "coretemp", [&](temperature_sensor &s) {
+        std::vector<temperature_sensor> inputs = inputs_of(f, "coretemp");
+        for (const temperature_sensor &s : inputs)
             if (int p = number_after(s.label, "Package id "); p >= 0)
                 package = p;
-        });
-        each_input(f, "coretemp", [&](temperature_sensor &s) {
+        for (temperature_sensor &s : inputs) {
             if (int core = number_after(s.label, "Core "); core >= 0) {
                 for (int cpu : package_cpus(t, std::max(package, 0)))
                     if (t.core.at(cpu) == core)
@@ -146,7 +139,7 @@ void add_coretemp(const topology &t, std::vector<temperature_sensor> &out, const
             if (package < 0)
                 s.mapping = "assumed: package 0 (the folder names no package)";
             out.push_back(s);
-        });
+        }
     }
 }
 
@@ -162,7 +155,7 @@ void add_k10temp(const topology &t, std::vector<temperature_sensor> &out, const 
         for (int cpu : cpus)
             if (!t.l3.at(cpu).empty() && std::find(dies.begin(), dies.end(), t.l3.at(cpu)) == dies.end())
                 dies.push_back(t.l3.at(cpu));
-        each_input(folders[i], "k10temp", [&](temperature_sensor &s) {
+        for (temperature_sensor &s : inputs_of(folders[i], "k10temp")) {
             int die = number_after(s.label, "Tccd");
             if (die >= 1 && static_cast<size_t>(die) <= dies.size() && parse_cpu_list(dies[die - 1], &s.cpus)) {
                 s.mapping = "assumed: core complex die N shares the N-th L3 of the package";
@@ -174,7 +167,7 @@ void add_k10temp(const topology &t, std::vector<temperature_sensor> &out, const 
             if (folders.size() > 1 && folders[i].device.empty())
                 s.mapping = "assumed: the k10temp folders in the order of the packages";
             out.push_back(s);
-        });
+        }
     }
 }
 
@@ -191,7 +184,11 @@ std::vector<temperature_sensor> find_temperature_sensors(const std::string &root
     return found;
 }
 
-long long read_millidegrees(const std::string &input) { return number_in(input); }
+long long read_millidegrees(const std::string &input)
+{
+    long long value = -1;
+    return read_decimal(input, &value) ? value : -1;
+}
 
 std::string no_sensors_why(const std::string &root)
 {

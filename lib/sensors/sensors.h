@@ -44,6 +44,8 @@ struct cpufreq_view {
     const char *base_from = "";  // "cpufreq base_frequency", "ACPI CPPC nominal_freq"
 };
 cpufreq_view read_cpufreq(const std::string &root, int cpu);
+// scaling_cur_freq alone, for sampling it during a run.
+long long read_cur_khz(const std::string &root, int cpu);
 
 // A processor's effective clock over the run: the base clock times the
 // growth of APERF over that of MPERF.

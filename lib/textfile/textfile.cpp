@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -48,6 +49,23 @@ std::string read_first_line(const std::string &path)
     std::string text;
     read_text_file(path, small_file_bytes, &text);
     return text.substr(0, text.find_first_of("\r\n"));
+}
+
+bool read_decimal(const std::string &path, long long *value)
+{
+    std::string line = read_first_line(path);
+    size_t sign = line.starts_with('-') ? 1 : 0;
+    if (line.size() == sign || line.find_first_not_of("0123456789", sign) != std::string::npos)
+        return false;
+    errno = 0;
+    *value = strtoll(line.c_str(), nullptr, 10);
+    return errno == 0;
+}
+
+long long read_count(const std::string &path)
+{
+    long long value = -1;
+    return read_decimal(path, &value) && value >= 0 ? value : -1;
 }
 
 bool read_text_file(const std::string &path, size_t cap, std::string *text, std::string *why)

@@ -22,6 +22,13 @@ bool read_text_file(const std::string &path, size_t cap, std::string *text, std:
 // The first line of a small file, without its line end; "" when it cannot
 // be read.
 std::string read_first_line(const std::string &path);
+// The decimal number alone on a small file's first line, as sysfs writes
+// one ("42", "-5"); false for a file that cannot be read, or holds
+// anything else or a number out of range.
+bool read_decimal(const std::string &path, long long *value);
+// A count or an id as sysfs writes it: the number, or -1 for a file that
+// cannot be read or holds no number of at least 0.
+long long read_count(const std::string &path);
 // Whether path names a regular file (following links), else why not.
 bool is_regular_file(const std::string &path, std::string *why);
 

@@ -28,7 +28,7 @@ void take_sample(sensor_watch &w)
             w.highest[i] = mc;
     }
     for (size_t i = 0; i < w.tested.size(); i++)
-        if (long long khz = sensors::read_cpufreq(w.root, w.tested[i]).cur_khz; khz > 0)
+        if (long long khz = sensors::read_cur_khz(w.root, w.tested[i]); khz > 0)
             w.cur_khz[i] = khz;
     w.samples++;
 }
@@ -126,14 +126,10 @@ sensors::sensor_report sensors_now(std::span<const int> cpus, const std::string 
 {
     sensors::sensor_report r;
     for (int cpu : cpus) {
-        sensors::processor_clock c;
-        c.cpu = cpu;
+        // One reading grows nothing: whether it could be taken is the news.
         sensors::clock_counts now = sensors::read_clock_counts(root, cpu, sensors::reading::before);
-        c.why = now.why;
-        c.cpufreq = sensors::read_cpufreq(root, cpu);
-        c = sensors::clock_between(cpu, now, now, c.cpufreq);
-        c.why = now.known ? "" : now.why;
-        r.clocks.push_back(c);
+        r.clocks.push_back(sensors::clock_between(cpu, now, now, sensors::read_cpufreq(root, cpu)));
+        r.clocks.back().why = now.why;
     }
     for (sensors::temperature_sensor &s : sensors::find_temperature_sensors(root)) {
         long long mc = sensors::read_millidegrees(s.input);
