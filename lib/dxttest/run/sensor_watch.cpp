@@ -79,9 +79,12 @@ void start_sensor_watch(sensor_watch &w, const machine_description &machine, con
             (*values)[i] = -1;
     }
     take_sample(w);
+    bool cpufreq = false;
+    for (size_t i = 0; i < w.tested.size(); i++)
+        cpufreq = cpufreq || w.cur_khz[i] > 0;
+    if (w.found.empty() && !cpufreq)
+        return;  // nothing to sample
     int cpu = free_processor(machine);
-    if (w.found.empty() && root.empty())
-        return;  // nothing to sample; cpufreq alone is read at the end
     if (cpu < 0) {
         w.sampling_why = "every processor the run may use is under test, so the sensors were read only before "
                          "and after it";
