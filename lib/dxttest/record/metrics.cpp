@@ -211,20 +211,16 @@ void put_run_metrics(text_buffer &out, const verdict_record &r)
         put_sensors(out, *r.sensors);
 }
 
-size_t burn_in_metrics_room(const burn_in_record &r, std::span<const int> tested)
+size_t burn_in_metrics_room(const burn_in_record &r, std::span<const int> tested, std::span<const int> untested)
 {
-    size_t room = 4096 + 96 * tested.size() + 128 * verdict_statuses().size();
+    size_t room = 4096 + 96 * (tested.size() + untested.size()) + 128 * verdict_statuses().size();
     if (r.reports != nullptr)
         room += 600 * r.reports->grew.size() + 96 * r.reports->machine_checks.size();
-    for (const std::string &domain : r.l2_domains) {
-        std::vector<int> cpus;
-        parse_cpu_list(domain, &cpus);
-        room += 96 * cpus.size();
-    }
     return room;
 }
 
-void put_burn_in_metrics(text_buffer &out, const burn_in_record &r, std::span<const int> tested)
+void put_burn_in_metrics(text_buffer &out, const burn_in_record &r, std::span<const int> tested,
+                         std::span<const int> untested)
 {
     put_head(out, dxt_test_version, TARNEL_BUILD, r.time, r.elapsed_ms, r.exit_status);
     put_family(out, "tarneltest_last_run_runs", "The last burn-in's runs, by verdict.");
@@ -243,14 +239,8 @@ void put_burn_in_metrics(text_buffer &out, const burn_in_record &r, std::span<co
                 failed = failed || f.cpu == cpu;
             visit(cpu, true, failed);
         }
-        // One L2 at a time: the L2s that got no turn.
-        for (const std::string &domain : r.l2_domains) {
-            std::vector<int> cpus;
-            parse_cpu_list(domain, &cpus);
-            for (int cpu : cpus)
-                if (std::find(tested.begin(), tested.end(), cpu) == tested.end())
-                    visit(cpu, false, false);
-        }
+        for (int cpu : untested)
+            visit(cpu, false, false);
     });
     put_reports(out, r.reports);
 }

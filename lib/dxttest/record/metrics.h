@@ -16,15 +16,17 @@ namespace dxt {
 
 // Bytes enough for either form of the metrics.
 size_t run_metrics_room(const verdict_record &record);
-size_t burn_in_metrics_room(const burn_in_record &record, std::span<const int> tested);
+size_t burn_in_metrics_room(const burn_in_record &record, std::span<const int> tested, std::span<const int> untested);
 
 // A run's: when it ended, how long it took, its exit status and verdict,
 // each processor tested or left out and whether it failed, and what the
 // hardware's own reporting counted meanwhile.
 void put_run_metrics(text_buffer &out, const verdict_record &record);
 // A burn-in's: the same for the burn-in as a whole, its runs by verdict,
-// and the processors its runs test (`tested`) and those they failed on.
-void put_burn_in_metrics(text_buffer &out, const burn_in_record &record, std::span<const int> tested);
+// and the processors its runs test (`tested`) and those they failed on;
+// one L2 at a time, those whose L2 had no turn are `untested`.
+void put_burn_in_metrics(text_buffer &out, const burn_in_record &record, std::span<const int> tested,
+                         std::span<const int> untested);
 
 // Where the metrics go, and the temporary file beside it (PATH.<pid>.tmp,
 // which the textfile collector ignores for not ending in .prom) that is

@@ -106,13 +106,13 @@ void say_unfinished(const burn_in_request &request, long long run, const run_out
 
 // The burn-in's metrics, when asked for: 0, or the error that stopped them.
 int write_burn_in_metrics(const burn_in_request &request, const burn_in_record &record,
-                          std::span<const int> tested)
+                          std::span<const int> tested, std::span<const int> untested)
 {
     if (request.metrics.empty())
         return 0;
-    std::vector<char> storage(burn_in_metrics_room(record, tested));
+    std::vector<char> storage(burn_in_metrics_room(record, tested, untested));
     text_buffer out{storage.data(), storage.size()};
-    put_burn_in_metrics(out, record, tested);
+    put_burn_in_metrics(out, record, tested, untested);
     return write_metrics_file(metrics_file_at(request.metrics), out, request.program);
 }
 
@@ -251,11 +251,14 @@ void burn_in(const burn_in_request &request)
     record.burn_in = limited;
     // A pass that cannot reach the monitoring is no pass.
     // One L2 at a time, only the L2s that had a turn were tested.
-    std::vector<int> tested = domains.empty() ? machine.tested : std::vector<int>{};
-    for (size_t i = 0; i < domains.size() && i < turns.size(); i++)
-        tested.insert(tested.end(), domains[i].begin(), domains[i].end());
+    std::vector<int> tested = domains.empty() ? machine.tested : std::vector<int>{}, untested;
+    for (size_t i = 0; i < domains.size(); i++) {
+        std::vector<int> &into = i < turns.size() ? tested : untested;
+        into.insert(into.end(), domains[i].begin(), domains[i].end());
+    }
     std::sort(tested.begin(), tested.end());
-    int metrics_error = write_burn_in_metrics(request, record, tested);
+    std::sort(untested.begin(), untested.end());
+    int metrics_error = write_burn_in_metrics(request, record, tested, untested);
     bool metrics_lost = metrics_error != 0 && status == exit_passed;
     if (metrics_lost)
         status = record.exit_status = exit_could_not_test;
