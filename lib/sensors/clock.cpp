@@ -50,7 +50,9 @@ clock_counts read_clock_counts(const std::string &root, int cpu, reading when)
         return c;
     }
     uint64_t platform = 0;
-    if (read_register(fd, recording, reading::before, msr_platform_info, &platform) && ((platform >> 8) & 0xff) != 0)
+    // The base ratio is fixed: read with the first reading only.
+    if (when == reading::before && read_register(fd, recording, when, msr_platform_info, &platform) &&
+        ((platform >> 8) & 0xff) != 0)
         c.platform_base_mhz = static_cast<long long>((platform >> 8) & 0xff) * 100;
     c.known = read_register(fd, recording, when, msr_aperf, &c.aperf) &&
               read_register(fd, recording, when, msr_mperf, &c.mperf);

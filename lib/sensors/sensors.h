@@ -29,7 +29,7 @@ enum class reading { before = 0, after = 1 };
 struct clock_counts {
     bool known = false;
     uint64_t aperf = 0, mperf = 0;
-    long long platform_base_mhz = -1;  // from MSR_PLATFORM_INFO; -1: not there
+    long long platform_base_mhz = -1;  // from MSR_PLATFORM_INFO, read before the run; -1: not there (or after)
     std::string why;                   // when not known
 };
 // The path of a processor's registers under root ("" for the machine's own).
