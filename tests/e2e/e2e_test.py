@@ -81,15 +81,17 @@ def cpu_cgroup():
 
 
 def least_room():
-    """The least address space, in KiB to 256, in which a run starts all its
-    workers: there no test buffer fits."""
+    """An address space, in KiB, in which a run starts all its workers but no
+    test buffer fits: the least in which it does, to 16, and 64 more. A worker
+    can start before the next one is created and take a few pages of its
+    own; with less to spare, that next worker's stack may not fit."""
     low, high = 8192, 1 << 21
-    while high - low > 256:
+    while high - low > 16:
         middle = (low + high) // 2
         done = subprocess.run(["sh", "-c", f'ulimit -v {middle} && exec "$0" -q -o test_mask=0', BINARY],
                               capture_output=True, text=True)
         low, high = (low, middle) if "selects no subtest" in done.stdout else (middle, high)
-    return high
+    return high + 64
 
 
 def record(out):
