@@ -11,7 +11,9 @@
 #include <unistd.h>
 
 #include <map>
+#include <memory>
 #include <regex>
+#include <span>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -30,6 +32,7 @@
 #include "summary.h"
 #include "table.h"
 #include "watchdog.h"
+#include "workers.h"
 
 // What the program defines for the harness to read.
 const char dxt_test_version[] = "9.9 2026/01/02 (harness test)";
@@ -196,6 +199,25 @@ TEST(RunRecord, EachInputToItsVerdictAndText)
     for (const auto &row : table_rows(TARNEL_TEST_DATA "/decisions.txt", 6))
         EXPECT_EQ(decide(row[0], row[1]), std::vector<std::string>(row.begin() + 2, row.end()))
             << row[0] << " " << row[1];
+}
+
+// The workers announce their L2s in whatever order they start; the record
+// lists them by processor, from a copy, while the log keeps each entry
+// where it was written for a signal handler to read whole.
+TEST(Workers, AnnouncementsReadInProcessorOrderWithoutMovingThem)
+{
+    auto log = std::make_unique<dxt::worker_log>();
+    for (int cpu : {3, 0, 2})
+        log->announced[log->announced_count++] = {cpu, 1 << 20, 64, 16, "sysfs", "sysfs", "sysfs", "0"};
+    std::vector<dxt::l2_geometry> room(4);
+    auto cpus = [](std::span<const dxt::l2_geometry> l2) {
+        std::vector<int> ids;
+        for (const dxt::l2_geometry &g : l2)
+            ids.push_back(g.cpu);
+        return ids;
+    };
+    EXPECT_EQ(cpus(dxt::announced_in_order(*log, room)), (std::vector<int>{0, 2, 3}));
+    EXPECT_EQ(cpus(dxt::announced_so_far(*log)), (std::vector<int>{3, 0, 2}));
 }
 
 // One L2 at a time: the processors sharing an L2 take one turn, in the

@@ -29,10 +29,11 @@ void put_status_reason(text_buffer &text, std::string_view reason, int status, s
     put(text, " (exit status ", status, ")");
 }
 
-// A verdict with what every verdict of this run carries.
+// A verdict with what every verdict of this run carries; the workers'
+// announcements are put in order in l2_room.
 verdict_record run_record(const run_state &run, long long time, int status, const text_buffer &text, int cpu,
                           std::span<const failure_site> failures, const hardware_report *reports,
-                          std::span<const left_out_processor> left_out)
+                          std::span<const left_out_processor> left_out, std::span<l2_geometry> l2_room)
 {
     const machine_description *machine = run.workers.machine;
     return {time,
@@ -48,7 +49,7 @@ verdict_record run_record(const run_state &run, long long time, int status, cons
             run.given_options,
             dxt_test_version,
             TARNEL_BUILD,
-            announced_so_far(run.workers),
+            announced_in_order(run.workers, l2_room),
             machine != nullptr ? std::span<const processor_entry>(run.processors) : std::span<const processor_entry>(),
             machine != nullptr ? &run.host_identity : nullptr,
             run.seed};
@@ -167,7 +168,7 @@ void finish(run_state &run, const run_end &e)
         if (e.lead != nullptr)
             put_message_line(out, *e.lead, run.display.json);
         verdict_record record = run_record(run, e.time, e.status, reason, e.cpu, e.failures, nullptr,
-                                           lost_so_far(run.workers));
+                                           lost_so_far(run.workers), run.ending_l2);
         put_verdict(run, out, record);
         clear_progress(run.progress, run.output.fd);
         write_text(run.output.fd, out);
@@ -192,7 +193,8 @@ void finish(run_state &run, const run_end &e)
     const hardware_report *reports = e.reports != nullptr               ? e.reports
                                      : run.workers.machine != nullptr ? &read_now
                                                                        : nullptr;
-    verdict_record record = run_record(run, e.time, e.status, reason, e.cpu, failures, reports, left);
+    std::vector<l2_geometry> l2_room(announced_so_far(run.workers).size());
+    verdict_record record = run_record(run, e.time, e.status, reason, e.cpu, failures, reports, left, l2_room);
     if (run.workers.machine != nullptr)
         record.sensors = &end_sensor_watch(run.readings);
     std::vector<char> storage(line_capacity + verdict_room(record));
@@ -301,7 +303,8 @@ void reserve_ending_room(run_state &run)
     failure_site one;
     line_buffer no_text;
     size_t processors = std::min(machine.tested.size(), static_cast<size_t>(max_reported));
-    verdict_record largest = run_record(run, 0, 0, no_text, 0, {&one, 1}, nullptr, {run.workers.lost, processors});
+    verdict_record largest =
+        run_record(run, 0, 0, no_text, 0, {&one, 1}, nullptr, {run.workers.lost, processors}, {});
     // Every tested processor's announcement, with the longest sources.
     std::vector<l2_geometry> every(processors);
     for (size_t i = 0; i < processors; i++)

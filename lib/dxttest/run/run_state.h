@@ -75,6 +75,7 @@ struct run_state {
     // a failed write would find the same file.
     char *ending_storage = nullptr;
     size_t ending_capacity = 0;
+    l2_geometry ending_l2[max_reported];  // the announcements, ordered
     char *metrics_storage = nullptr;
     size_t metrics_capacity = 0;
     std::atomic<bool> metrics_written{false};

@@ -77,16 +77,13 @@ std::optional<l2_geometry> note_geometry(worker_log &log, uint32_t size, uint32_
     if (found == tested.end())
         return std::nullopt;
     l2_geometry g = announced_l2(cpu, size, line, log.machine->shared_cpus[size_t(found - tested.begin())]);
-    // Kept in processor order, whatever order the workers announce in; a
-    // signal handler reading during an insertion may see one entry twice.
+    // Appended whole before it is counted, and never moved: a reader, a
+    // signal handler among them, reads only entries no one writes.
     std::lock_guard<std::mutex> hold(log.lock);
     int n = log.announced_count.load();
     if (n >= max_reported)
         return std::nullopt;
-    int at = n;
-    for (; at > 0 && log.announced[at - 1].cpu > cpu; at--)
-        log.announced[at] = log.announced[at - 1];
-    log.announced[at] = g;
+    log.announced[n] = g;
     log.announced_count.store(n + 1);
     return g;
 }
@@ -205,6 +202,15 @@ std::span<const failure_site> skipped_so_far(const worker_log &log)
 std::span<const l2_geometry> announced_so_far(const worker_log &log)
 {
     return {log.announced, static_cast<size_t>(log.announced_count.load())};
+}
+
+std::span<const l2_geometry> announced_in_order(const worker_log &log, std::span<l2_geometry> room)
+{
+    std::span<const l2_geometry> announced = announced_so_far(log);
+    size_t n = std::min(announced.size(), room.size());
+    std::copy_n(announced.begin(), n, room.begin());
+    std::sort(room.begin(), room.begin() + n, [](const l2_geometry &a, const l2_geometry &b) { return a.cpu < b.cpu; });
+    return room.first(n);
 }
 
 bool on_main_thread() { return gettid() == getpid(); }

@@ -37,7 +37,7 @@ struct worker_log {
     std::mutex lock;
     left_out_processor lost[max_reported];
     std::atomic<int> lost_count{0};
-    l2_geometry announced[max_reported];  // in processor order
+    l2_geometry announced[max_reported];  // in the order the workers announced
     std::atomic<int> announced_count{0};
     failure_site skipped[max_reported];
     std::atomic<int> skipped_count{0};
@@ -62,6 +62,9 @@ void note_failed_allocation(worker_log &log);
 std::span<const left_out_processor> lost_so_far(const worker_log &log);
 std::span<const failure_site> skipped_so_far(const worker_log &log);
 std::span<const l2_geometry> announced_so_far(const worker_log &log);
+// The same in processor order, copied into room: no allocation, for a
+// signal handler's ending too.
+std::span<const l2_geometry> announced_in_order(const worker_log &log, std::span<l2_geometry> room);
 
 bool on_main_thread();
 // Where a message's line says it comes from: the main thread, a worker's
