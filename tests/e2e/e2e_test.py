@@ -430,11 +430,12 @@ class EndToEnd(unittest.TestCase):
 
     def test_a_signal_from_another_process_ends_the_run_as_interrupted(self):
         """SIGTERM as the run starts, and a SIGBUS sent with kill, which is no
-        memory error, once every worker is in its subtest: a thread sanitizer
-        runs a SIGBUS handler at once, even on a thread too new for it to know."""
-        every_worker_in = f'"cpu":{CPUS[-1]},"thread":"worker","tag":null,"number":3,'
+        memory error, once the last worker created is in its subtest, when no
+        thread is still starting: a thread sanitizer runs a SIGBUS handler at
+        once, even on a thread too new for it to know."""
+        last_worker_in = f'"cpu":{CPUS[-1]},"thread":"worker","tag":null,"number":3,'
         for sig, status, mask, after in ((signal.SIGTERM, 143, 0, '"number":1,'),
-                                         (signal.SIGBUS, 135, 8, every_worker_in)):
+                                         (signal.SIGBUS, 135, 8, last_worker_in)):
             with self.subTest(sig.name):
                 got, out, _ = run(["--json", "-o", f"count=1,test_mask={mask}"], signal_after=after, sig=sig)
                 self.assertEqual(got, status)
